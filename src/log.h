@@ -1,0 +1,45 @@
+#pragma once
+
+#include <fstream>
+#include <string>
+
+#include "mutex.h"
+
+namespace Varnelo {
+
+// The process-wide trace. Put(text, level) writes "text\n" when the threshold set with
+// SetLevel is greater than the line's level; threshold 0 writes nothing at all.
+// Lines go to a file (opened, and truncated, at the first line written) and, when enabled,
+// to standard error; never to standard output, which carries protocol responses.
+//
+// Threads: Put and Close may be called from any thread; the shared mutex keeps every line
+// whole. The setters take no lock and are meant for the main thread before workers start.
+class Logger {
+  public:
+    explicit Logger(Mutex& lock);
+    virtual ~Logger();
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
+
+    void SetLevel(int level);
+    void EnableFile();
+    void EnableCerr();
+    void SetFilename(const std::string& path);
+
+    void Put(const std::string& text, int level);
+    // Flushes and closes the file; the targets stay on, so a later Put reopens it afresh.
+    void Close();
+
+  private:
+    Mutex& m_lock;
+    int m_level;
+    bool m_toCerr;
+    bool m_toFile;
+    std::string m_fileName;
+    std::fstream m_file;
+};
+
+extern Mutex log_mutex;
+extern Logger log;
+
+}  // namespace Varnelo
