@@ -1,0 +1,7 @@
+#include "installinfo.h"
+
+namespace Varnelo {
+
+bool InstallInfo::GetPicasaFolderLocation(std::string&) { return false; }
+
+}  // namespace Varnelo

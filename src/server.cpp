@@ -1,0 +1,184 @@
+#include "server.h"
+
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "log.h"
+#include "utils.h"
+
+namespace Varnelo {
+
+StdioListenThread::StdioListenThread(TaskQueue& queue, ThreadPool& pool)
+    : m_readState(0),
+      m_terminate(false),
+      m_spare(9),
+      m_queue(queue),
+      m_pool(pool),
+      m_eof(false),
+      m_begin(0),
+      m_end(0) {}
+
+bool StdioListenThread::FillBuffer() {
+    for (;;) {
+        const ssize_t n = read(STDIN_FILENO, m_buffer, sizeof(m_buffer));
+        if (n > 0) {
+            m_begin = 0;
+            m_end = static_cast<std::size_t>(n);
+            return true;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        // End of input, or an input that can no longer be read: the same to the listener.
+        m_eof = true;
+        return false;
+    }
+}
+
+bool StdioListenThread::ReadLine(std::string& line, bool& overlong) {
+    line.clear();
+    overlong = false;
+    bool readAny = false;
+    for (;;) {
+        if (m_begin == m_end && !FillBuffer()) return readAny;
+        readAny = true;
+        const char* start = m_buffer + m_begin;
+        const std::size_t available = m_end - m_begin;
+        const void* newline = std::memchr(start, '\n', available);
+        const std::size_t length =
+            newline != nullptr ? static_cast<const char*>(newline) - start : available;
+        const std::size_t room = kMaxLine - line.size();
+        if (length > room) overlong = true;
+        line.append(start, length > room ? room : length);
+        m_begin += length;
+        if (newline != nullptr) {
+            ++m_begin;
+            return true;
+        }
+    }
+}
+
+void StdioListenThread::Execute() {
+    std::string line;
+    std::string collected;
+    std::string request;
+    // Set while the rest of an oversized request is being skipped, up to its "*".
+    bool dropping = false;
+    const auto drop = [&]() {
+        if (!dropping) log.Put("StdioThread request too long, dropped", 8);
+        dropping = true;
+        collected.clear();
+    };
+
+    log.Put("+connect stdio", 8);
+    m_spare = 0;
+    m_readState = 0;
+    while (!m_terminate) {
+        try {
+            if (m_eof) {
+                Sleep_ms(100);
+                request = std::move(collected);
+                collected.clear();
+                if (dropping) {
+                    request.clear();
+                    dropping = false;
+                }
+                if (!request.empty()) m_readState = 2;
+                if (m_pool.IsTerminate()) {
+                    log.Put("Detect terminating", 8);
+                    m_terminate = true;
+                }
+            } else {
+                bool overlong = false;
+                if (!ReadLine(line, overlong)) line.clear();
+                if (overlong) {
+                    drop();
+                } else if (line == "*") {
+                    log.Put("EXECUTE=" + line, 8);
+                    request = std::move(collected);
+                    collected.clear();
+                    if (dropping) {
+                        request.clear();
+                        dropping = false;
+                    }
+                    if (!request.empty()) m_readState = 2;
+                } else if (!line.empty() && !dropping) {
+                    if (collected.size() + line.size() + 1 > kMaxRequest) {
+                        drop();
+                    } else {
+                        collected += line;
+                        collected += '\n';
+                    }
+                }
+            }
+            if (line == "exit") {
+                log.Put("StdioThread exit", 8);
+                m_terminate = true;
+                break;
+            }
+            if (m_readState == 2) {
+                m_readState = 0;
+                m_queue.Push(std::make_unique<StdioTask>(request));
+            }
+        } catch (abi::__forced_unwind&) {
+            throw;  // thread cancellation must be allowed to finish unwinding
+        } catch (...) {
+            log.Put("StdioThread::Exception", 8);
+        }
+    }
+    m_terminate = true;
+    log.Put("-disconnect stdio", 8);
+}
+
+CServer* CServer::instance = nullptr;
+
+CServer* CServer::Instance() {
+    if (instance == nullptr) instance = new CServer();
+    return instance;
+}
+
+void CServer::Delete() {
+    delete instance;
+    instance = nullptr;
+}
+
+CServer::CServer()
+    : m_queue(4096),
+      m_pool(m_queue, GetNumOfCores() + 1),
+      m_listener(m_queue, m_pool),
+      m_useStdio(false) {}
+
+CServer::~CServer() = default;
+
+void CServer::SetUseStdio(bool useStdio) { m_useStdio = useStdio; }
+
+int CServer::Start() {
+    log.Put("Start server...", 6);
+    m_pool.SetPriority(-2);
+    m_pool.Start();
+    if (m_useStdio) {
+        log.Put("Create stdio process...", 6);
+        m_listener.Start();
+        log.Put("Create stdio process is ok", 6);
+    }
+    log.Put("Start server is ok", 6);
+    return 0;
+}
+
+void CServer::Join() {
+    if (m_useStdio) m_listener.Join();
+}
+
+void CServer::Stop() {
+    log.Put("Stop server", 6);
+    m_pool.Stop();
+    m_pool.Join();
+    if (m_useStdio) {
+        m_listener.Kill();
+        m_listener.Join();
+    }
+}
+
+}  // namespace Varnelo

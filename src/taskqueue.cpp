@@ -1,0 +1,117 @@
+#include "taskqueue.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "fsutils.h"
+#include "log.h"
+#include "utils.h"
+#include "xmlrpc.h"
+
+namespace Varnelo {
+
+namespace {
+
+std::string SemaphoreName() { return "jprocsem_" + ToString(static_cast<int>(getpid())); }
+
+}  // namespace
+
+Task::Task(const std::string& request)
+    : m_message(std::make_unique<XMLRPC>()), m_terminate(request.empty()) {
+    log.Put("Task::Task", 8);
+    if (!m_terminate) m_message->Parse(request);
+}
+
+Task::~Task() = default;
+
+void Task::Execute() {}
+
+Mutex StdioTask::stdout_mutex;
+
+StdioTask::StdioTask(const std::string& request) : Task(request) {}
+
+void StdioTask::Execute() {
+    log.Put("StdioTask::Execute", 8);
+    if (m_terminate) return;
+    const int result = m_message->Execute();
+    const std::string response = m_message->GetResponse();
+    if (!response.empty()) {
+        AutoLock lock(stdout_mutex);
+        std::fwrite(response.data(), 1, response.size(), stdout);
+        std::fwrite("\n*\n", 1, 3, stdout);
+        std::fflush(stdout);
+    }
+    if (result == XML_SHUTDOWN) {
+        log.Put("StdioTask::XML_SHUTDOWN", 8);
+        m_terminate = true;
+    }
+}
+
+SocketTask::SocketTask(const std::string& request, int socket) : Task(request), m_socket(socket) {}
+
+void SocketTask::Execute() {
+    log.Put("SocketTask::Execute", 8);
+    if (m_terminate) return;
+    const int result = m_message->Execute();
+    const std::string response = m_message->GetResponse();
+    if (!response.empty()) {
+        // The terminating null character goes on the wire: it marks the end of the response.
+        send(m_socket, response.c_str(), response.size() + 1, 0);
+    }
+    if (result == XML_SHUTDOWN) {
+        log.Put("SocketTask::XML_SHUTDOWN", 8);
+        m_terminate = true;
+    }
+    log.Put("SocketTask::closesocket", 8);
+    close(m_socket);
+}
+
+TaskQueue::TaskQueue(int capacity) : m_count(SemaphoreName().c_str(), 0), m_capacity(capacity) {
+    AutoLock lock(m_lock);
+    if (m_count.Id() == -1) log.Put("TaskQueue::SEM_FAILED", 8);
+    // A process that ended earlier under the same id may have left a count behind.
+    while (m_count.TryWait()) log.Put("TaskQueue::SEM_SIGNALED", 8);
+    log.Put("TaskQueue::SEM_COMPLETE", 8);
+}
+
+// Tasks still waiting are released with the queue.
+TaskQueue::~TaskQueue() = default;
+
+void TaskQueue::Push(std::unique_ptr<Task> task) {
+    log.Put("TaskQueue::Push", 8);
+    {
+        AutoLock lock(m_lock);
+        if (static_cast<int>(m_queue.size()) >= m_capacity) return;  // dropped: task destroyed
+        m_queue.push_back(std::move(task));
+    }
+    m_count.Post();
+}
+
+std::unique_ptr<Task> TaskQueue::Pop() {
+    m_count.Wait();
+    std::unique_ptr<Task> task;
+    {
+        AutoLock lock(m_lock);
+        if (m_queue.empty()) {
+            log.Put("TaskQueue::sem error", 8);
+        } else {
+            task = std::move(m_queue.front());
+            m_queue.pop_front();
+        }
+    }
+    if (!task) {
+        Sleep_ms(10);
+        return nullptr;
+    }
+    log.Put("TaskQueue::Pop", 8);
+    return task;
+}
+
+int TaskQueue::Size() {
+    AutoLock lock(m_lock);
+    return static_cast<int>(m_queue.size());
+}
+
+}  // namespace Varnelo

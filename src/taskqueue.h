@@ -1,0 +1,86 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "mutex.h"
+#include "semaphore.h"
+
+namespace Varnelo {
+
+class XMLRPC;
+
+// One request for the worker pool: the request text, parsed at construction on the
+// producing thread, and the XMLRPC object that executes and answers it. A task built from
+// an empty text is the pool's token for stopping one worker: it reports IsTerminate() from
+// the start and does nothing when executed.
+//
+// Ownership: the queue owns a task from Push until Pop; then the worker that popped it.
+class Task {
+  public:
+    explicit Task(const std::string& request);
+    virtual ~Task();
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
+
+    // Runs the request on a worker thread; the base does nothing.
+    virtual void Execute();
+    bool IsTerminate() const { return m_terminate; }
+
+  protected:
+    std::unique_ptr<XMLRPC> m_message;
+    bool m_terminate;
+};
+
+// Answers on standard output: the response text and "\n*\n", whole, under stdout_mutex.
+// A request that produces no response writes nothing at all. Running the close method
+// marks the task terminating, which ends the worker that ran it.
+class StdioTask : public Task {
+  public:
+    explicit StdioTask(const std::string& request);
+    void Execute() override;
+
+    // Serialises every response written to standard output.
+    static Mutex stdout_mutex;
+};
+
+// Answers one request on a connected socket, the response followed by its terminating
+// null character, then closes the socket. Nothing in the service creates one; it lets a
+// socket listener hand connections to the same pool.
+class SocketTask : public Task {
+  public:
+    SocketTask(const std::string& request, int socket);
+    void Execute() override;
+
+  private:
+    int m_socket;
+};
+
+// Bounded first-in-first-out hand-over of tasks from producers to the workers. A mutex
+// guards the queue; the named semaphore "jprocsem_<pid>" counts queued tasks so that Pop
+// can sleep. Push never blocks: a task pushed onto a full queue is destroyed silently.
+//
+// Threads: any number may Push, Pop and Size at once. Only one queue should exist per
+// process at a time, since the semaphore's name is derived from the process id.
+class TaskQueue {
+  public:
+    explicit TaskQueue(int capacity);
+    virtual ~TaskQueue();
+    TaskQueue(const TaskQueue&) = delete;
+    TaskQueue& operator=(const TaskQueue&) = delete;
+
+    void Push(std::unique_ptr<Task> task);
+    // Blocks until a task is counted; returns null (after a 10 ms pause) when the count
+    // had no task behind it.
+    std::unique_ptr<Task> Pop();
+    int Size();
+
+  private:
+    std::deque<std::unique_ptr<Task>> m_queue;
+    Mutex m_lock;
+    Semaphore m_count;
+    int m_capacity;
+};
+
+}  // namespace Varnelo

@@ -1,0 +1,280 @@
+#include "xmlrpc.h"
+
+#include <cstring>
+
+#include "fsutils.h"
+#include "installinfo.h"
+#include "log.h"
+
+namespace Varnelo {
+
+namespace {
+
+// Upper bound of the element nesting the parser would reach for `text`: every start tag
+// that is not self-closing opens a level, every end tag closes one. Comments, CDATA,
+// declarations and processing instructions are skipped whole.
+int NestingDepth(const std::string& text) {
+    int depth = 0;
+    int deepest = 0;
+    const std::string::size_type n = text.size();
+    std::string::size_type i = 0;
+    auto skipPast = [&](const char* end) {
+        const std::string::size_type pos = text.find(end, i);
+        i = pos == std::string::npos ? n : pos + std::strlen(end);
+    };
+    while (i < n) {
+        if (text[i] != '<') {
+            ++i;
+            continue;
+        }
+        if (text.compare(i, 4, "<!--") == 0) {
+            i += 4;
+            skipPast("-->");
+        } else if (text.compare(i, 9, "<![CDATA[") == 0) {
+            i += 9;
+            skipPast("]]>");
+        } else if (text.compare(i, 2, "<?") == 0) {
+            i += 2;
+            skipPast("?>");
+        } else if (text.compare(i, 2, "<!") == 0) {
+            i += 2;
+            skipPast(">");
+        } else if (text.compare(i, 2, "</") == 0) {
+            --depth;
+            i += 2;
+            skipPast(">");
+        } else {
+            // A start tag: find its end, stepping over quoted attribute values.
+            char quote = 0;
+            char previous = 0;
+            for (++i; i < n; ++i) {
+                const char c = text[i];
+                if (quote != 0) {
+                    if (c == quote) quote = 0;
+                } else if (c == '"' || c == '\'') {
+                    quote = c;
+                } else if (c == '>') {
+                    break;
+                }
+                previous = c;
+            }
+            if (i < n) ++i;
+            if (previous != '/') {
+                ++depth;
+                if (depth > deepest) deepest = depth;
+            }
+        }
+    }
+    return deepest;
+}
+
+TiXmlElement* LinkElement(TiXmlElement* parent, const char* tag) {
+    TiXmlElement* element = new TiXmlElement(tag);
+    parent->LinkEndChild(element);
+    return element;
+}
+
+void LinkTextElement(TiXmlElement* parent, const char* tag, const std::string& text) {
+    TiXmlElement* element = LinkElement(parent, tag);
+    element->LinkEndChild(new TiXmlText(text));
+}
+
+// The text of `element`, or "" when it has none.
+std::string TextOf(const TiXmlElement* element) {
+    const char* text = element->GetText();
+    return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+XMLRPC::XMLRPC() = default;
+
+XMLRPC::~XMLRPC() {
+    m_request.Clear();
+    m_response.Clear();
+}
+
+int XMLRPC::Parse(const std::string& text) {
+    log.Put(text, 15);
+    m_request.Clear();
+    m_response.Clear();
+    if (NestingDepth(text) > kMaxDepth) {
+        log.Put("XMLRPC::Parse request nested too deeply, refused", 8);
+        return 0;
+    }
+    m_request.Parse(text.c_str());
+    return 0;
+}
+
+int XMLRPC::Execute() {
+    TiXmlElement* call = m_request.FirstChildElement("methodCall");
+    if (call == nullptr) return XML_CONTINUE;
+    TiXmlElement* nameElement = call->FirstChildElement("methodName");
+    if (nameElement == nullptr) return XML_CONTINUE;
+    const char* nameText = nameElement->GetText();
+    if (nameText == nullptr) return XML_CONTINUE;
+    const std::string name = nameText;
+    TiXmlElement* params = call->FirstChildElement("params");
+
+    if (name == "upload.downsampleRequest") {
+        log.Put("methodName: upload.downsampleRequest", 12);
+        if (params != nullptr) Downsample(params);
+    }
+    if (name == "upload.thumbnailRequest") {
+        log.Put("methodName: upload.thumbnailRequest", 12);
+        if (params != nullptr) Thumbnail(params);
+    }
+    if (name == "upload.connect") {
+        log.Put("methodName: upload.connect", 12);
+        TiXmlElement* param = params != nullptr ? params->FirstChildElement("param") : nullptr;
+        if (param == nullptr) return XML_NO_PARAMS;
+        Connect(param);
+        return XML_CONNECTED;
+    }
+    if (name == "upload.installInfoRequest") {
+        log.Put("methodName: upload.installInfoRequest", 12);
+        GetInstallInfo();
+    }
+    if (name == "upload.close") {
+        log.Put("methodName: upload.close", 12);
+        Close();
+        return XML_SHUTDOWN;
+    }
+    if (name == "service.erase") {
+        log.Put("methodName: service.erase", 12);
+        if (params != nullptr) {
+            // Every list is processed; each call rebuilds the answer, so the last one is sent.
+            for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
+                 param = param->NextSiblingElement()) {
+                Erase(param);
+            }
+        }
+    }
+    return XML_CONTINUE;
+}
+
+std::string XMLRPC::GetResponse() {
+    TiXmlPrinter printer;
+    printer.SetIndent(" ");
+    printer.SetLineBreak("\n");
+    m_response.Accept(&printer);
+    std::string response = printer.CStr();
+    m_response.Clear();
+    log.Put(response, 15);
+    return response;
+}
+
+TiXmlElement* XMLRPC::CreateResponseHeader() {
+    m_response.Clear();
+    TiXmlElement* root = new TiXmlElement("methodResponse");
+    m_response.LinkEndChild(root);
+    return AddParams(root);
+}
+
+TiXmlElement* XMLRPC::CreateResponseFaultHeader() {
+    m_response.Clear();
+    TiXmlElement* root = new TiXmlElement("methodResponse");
+    m_response.LinkEndChild(root);
+    return AddFault(root);
+}
+
+void XMLRPC::AddName(TiXmlElement* parent, const char* name) {
+    if (name != nullptr) LinkTextElement(parent, "name", name);
+}
+
+TiXmlElement* XMLRPC::AddValue(TiXmlElement* parent) { return LinkElement(parent, "value"); }
+
+void XMLRPC::AddStringValue(TiXmlElement* parent, const std::string& text, const char* name) {
+    AddName(parent, name);
+    LinkTextElement(AddValue(parent), "string", text);
+}
+
+void XMLRPC::AddIntValue(TiXmlElement* parent, int number, const char* name) {
+    AddName(parent, name);
+    LinkTextElement(AddValue(parent), "i4", ToString(number));
+}
+
+void XMLRPC::AddBooleanValue(TiXmlElement* parent, bool flag, const char* name) {
+    AddName(parent, name);
+    LinkTextElement(AddValue(parent), "boolean", flag ? "1" : "0");
+}
+
+TiXmlElement* XMLRPC::AddMember(TiXmlElement* parent) { return LinkElement(parent, "member"); }
+
+TiXmlElement* XMLRPC::AddStruct(TiXmlElement* parent) { return LinkElement(parent, "struct"); }
+
+TiXmlElement* XMLRPC::AddParam(TiXmlElement* parent) { return LinkElement(parent, "param"); }
+
+TiXmlElement* XMLRPC::AddParams(TiXmlElement* parent) { return LinkElement(parent, "params"); }
+
+TiXmlElement* XMLRPC::AddFault(TiXmlElement* parent) { return LinkElement(parent, "fault"); }
+
+int XMLRPC::Connect(TiXmlElement* param) {
+    log.Put("upload.connect", 12);
+    TiXmlElement* members =
+        TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
+    if (members != nullptr) {
+        // The client names files to delete as a `string` directly under each member.
+        for (TiXmlElement* member = members->FirstChildElement("member"); member != nullptr;
+             member = member->NextSiblingElement()) {
+            TiXmlElement* path = member->FirstChildElement("string");
+            if (path == nullptr) continue;
+            log.Put("Connect:", 12);
+            log.Put(TextOf(path), 12);
+            EraseFile(TextOf(path));
+        }
+    }
+    TiXmlElement* answer = AddStruct(AddValue(AddParam(CreateResponseHeader())));
+    AddIntValue(AddMember(answer), 1, "minVersion");
+    AddIntValue(AddMember(answer), 4, "currentVersion");
+    AddBooleanValue(AddMember(answer), true, "accepted");
+    return 1;
+}
+
+int XMLRPC::Close() {
+    log.Put("upload.close", 12);
+    AddStringValue(AddParam(CreateResponseHeader()), "done");
+    return 1;
+}
+
+int XMLRPC::GetInstallInfo() {
+    TiXmlElement* answer = AddStruct(AddValue(AddParam(CreateResponseHeader())));
+    InstallInfo info;
+    std::string folder;
+    const bool installed = info.GetPicasaFolderLocation(folder);
+    AddBooleanValue(AddMember(answer), installed, "picasaInstalled");
+    if (installed) AddStringValue(AddMember(answer), folder, "picasaFolderLocation");
+    return 1;
+}
+
+int XMLRPC::Erase(TiXmlElement* param) {
+    int failures = 0;
+    TiXmlElement* data = TiXmlHandle(param)
+                             .FirstChildElement("value")
+                             .FirstChildElement("array")
+                             .FirstChildElement("data")
+                             .Element();
+    if (data != nullptr) {
+        for (TiXmlElement* value = data->FirstChildElement("value"); value != nullptr;
+             value = value->NextSiblingElement()) {
+            TiXmlElement* path = value->FirstChildElement("string");
+            if (path == nullptr) continue;
+            log.Put("Delete:", 12);
+            log.Put(TextOf(path), 12);
+            if (!EraseFile(TextOf(path))) ++failures;
+        }
+    }
+    if (failures > 0) {
+        // The client expects exactly this bare fault: one string, no code or reason members.
+        AddStringValue(CreateResponseFaultHeader(), "cause");
+        return 0;
+    }
+    AddStringValue(AddParam(CreateResponseHeader()), "done");
+    return 1;
+}
+
+int XMLRPC::Downsample(TiXmlElement*) { return 1; }
+
+int XMLRPC::Thumbnail(TiXmlElement*) { return 1; }
+
+}  // namespace Varnelo
