@@ -11,9 +11,11 @@
 //
 // Threads: stateless functions; a RAW_worker belongs to one call.
 
-#include <jpeglib.h>
-
+#include <cstddef>
 #include <cstdio>
+
+// jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
 
 namespace Varnelo {
 

@@ -1,11 +1,12 @@
 #include "support/jpeg_fixtures.h"
 
-#include <jpeglib.h>
-
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+
+// jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
 
 namespace Varnelo {
 
