@@ -1,0 +1,401 @@
+#include "resizer.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "log.h"
+
+namespace Varnelo {
+
+namespace {
+
+// Rows are walked as flat arrays of 8-bit samples (R, G, B, R, ...): CPixel is exactly three
+// bytes, and per-sample loops over a whole row are what the compiler vectorises.
+inline const unsigned char* Samples(const CPixel* row) {
+    return reinterpret_cast<const unsigned char*>(row);
+}
+inline unsigned char* Samples(CPixel* row) { return reinterpret_cast<unsigned char*>(row); }
+
+inline int ClampIndex(int64_t i, int size) {
+    return static_cast<int>(std::min<int64_t>(std::max<int64_t>(i, 0), size - 1));
+}
+
+// size * index * 256 / count in double, multiplied in that order and truncated to an unsigned
+// 32-bit position. Values past 2^64 (absurd sizes only) are first reduced modulo 2^32 so the
+// conversion stays defined.
+uint32_t SmoothPosition(int size, uint32_t index, int count) {
+    double p =
+        static_cast<double>(size) * static_cast<double>(index) * 256.0 / static_cast<double>(count);
+    if (!(p < 18446744073709551616.0)) p = std::fmod(p, 4294967296.0);
+    return static_cast<uint32_t>(static_cast<uint64_t>(p));
+}
+
+// The box sum divides by the footprint length. A footprint shorter than 1/256 of a pixel
+// (enlargements past 256 times) has length 0 and lies inside one sample, whose weights then add
+// up to 256; dividing by 256 instead of 0 gives that sample unchanged.
+inline uint32_t BoxDivisor(uint32_t len) { return len == 0 ? 256 : len; }
+
+// The smooth resizer's interpolation towards the next sample, (w * (next - here)) / 256
+// truncated toward zero, added to the sample the partial interval starts from.
+inline int32_t Lerp(int32_t base, int32_t w, int32_t diff) { return base + (w * diff) / 256; }
+
+// sums[i] = sum of ring.Row(k)[i] over k = lo .. hi, with every k clamped into the ring as Row
+// does, in time bounded by the ring's size however far the range runs past it.
+void SumRows(CLineRing& ring, int64_t lo, int64_t hi, uint32_t* sums, int n) {
+    std::fill(sums, sums + n, 0u);
+    if (hi < lo) return;
+    const int64_t last = ring.Count() - 1;
+    const uint32_t before =
+        static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(hi, -1) - lo + 1));
+    const uint32_t after =
+        static_cast<uint32_t>(std::max<int64_t>(0, hi - std::max<int64_t>(lo, last + 1) + 1));
+    for (int64_t k = std::max<int64_t>(lo, 0); k <= std::min(hi, last); ++k) {
+        const unsigned char* row = Samples(ring.Row(static_cast<int>(k)));
+        for (int i = 0; i < n; ++i) sums[i] += row[i];
+    }
+    if (before != 0) {
+        const unsigned char* row = Samples(ring.Row(0));
+        for (int i = 0; i < n; ++i) sums[i] += before * row[i];
+    }
+    if (after != 0) {
+        const unsigned char* row = Samples(ring.Row(static_cast<int>(last)));
+        for (int i = 0; i < n; ++i) sums[i] += after * row[i];
+    }
+}
+
+}  // namespace
+
+ClampedQuotient::ClampedQuotient(uint32_t divisor) {
+    const uint64_t d = divisor == 0 ? 1 : divisor;  // callers never divide by 0
+    unsigned bits = 0;                              // ceil(log2 d)
+    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
+    m_shift = 31 + bits;
+    m_mul = ((uint64_t(1) << m_shift) + d - 1) / d;
+}
+
+CLineRing::CLineRing(int count, int width)
+    : m_count(std::max(count, 1)),
+      m_width(std::max(width, 0)),
+      m_head(0),
+      m_pixels(static_cast<size_t>(m_count) * static_cast<size_t>(m_width)) {}
+
+CResizer::CResizer(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
+    : m_srcWidth(srcWidth),
+      m_srcHeight(srcHeight),
+      m_dstWidth(dstWidth),
+      m_dstHeight(dstHeight),
+      m_dstLine(nullptr),
+      m_readyLines(0) {}
+
+CResizer::~CResizer() = default;
+
+bool CResizer::NewDestinationLine() { return m_readyLines != 0; }
+
+std::unique_ptr<CResizer> CreateResizer(int type, int srcWidth, int srcHeight, int dstWidth,
+                                        int dstHeight) {
+    switch (type) {
+        case RESIZER_DIRTY:
+            return std::make_unique<CResizerDirty>(srcWidth, srcHeight, dstWidth, dstHeight);
+        case RESIZER_TIDY:
+            return std::make_unique<CResizerTidy>(srcWidth, srcHeight, dstWidth, dstHeight);
+        case RESIZER_REDUCES:
+            return std::make_unique<CResizerReduces>(srcWidth, srcHeight, dstWidth, dstHeight);
+        default:
+            return nullptr;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Nearest sample
+
+CResizerDirty::CResizerDirty(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
+    : CResizer(srcWidth, srcHeight, dstWidth, dstHeight), m_lineAcc(0) {
+    Init();
+}
+
+void CResizerDirty::Init() {
+    m_dstLine.reset(new CPixel[std::max(m_dstWidth, 1)]);
+    m_readyLines = 0;
+    m_lineAcc = m_srcHeight / 2;
+
+    // The horizontal selector is the same for every line, so it is run once here.
+    m_sourceColumn.clear();
+    int acc = m_srcWidth / 2;
+    for (int x = 0; x < m_srcWidth && static_cast<int>(m_sourceColumn.size()) < m_dstWidth; ++x) {
+        acc += m_dstWidth;
+        while (acc > m_srcWidth) {
+            acc -= m_srcWidth;
+            if (static_cast<int>(m_sourceColumn.size()) < m_dstWidth) m_sourceColumn.push_back(x);
+        }
+    }
+}
+
+void CResizerDirty::LineProcess(const CPixel* src, CPixel* dst) const {
+    const int* column = m_sourceColumn.data();
+    const int n = static_cast<int>(m_sourceColumn.size());
+    for (int j = 0; j < n; ++j) dst[j] = src[column[j]];
+}
+
+void CResizerDirty::SetSourceLine(const CPixel* src) {
+    // Every line overwrites the one buffer, whether or not it becomes ready.
+    LineProcess(src, m_dstLine.get());
+    m_lineAcc += m_dstHeight;
+    while (m_lineAcc > m_srcHeight) {
+        m_lineAcc -= m_srcHeight;
+        ++m_readyLines;
+    }
+}
+
+CPixel* CResizerDirty::GetDestinationLinePointer() {
+    --m_readyLines;
+    return m_dstLine.get();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Smooth (trapezoid) resizer
+
+CResizerTidy::CResizerTidy(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
+    : CResizer(srcWidth, srcHeight, dstWidth, dstHeight),
+      m_lineAcc(0),
+      m_filled(0),
+      m_outIndex(0),
+      m_lineCount((srcHeight - 1) / dstHeight + 3),
+      m_lines(m_lineCount, dstWidth) {
+    Init();
+}
+
+void CResizerTidy::Init() {
+    m_filled = 0;
+    m_outIndex = 0;
+    m_dstLine.reset(new CPixel[std::max(m_dstWidth, 1)]);
+    m_readyLines = 0;
+    m_lineAcc = m_srcHeight / 2;
+    m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3, 0);
+
+    // Footprints and weights of every destination column, built once. Samples past the end of
+    // the line read the last pixel: the line is taken as continuing flat to the right.
+    m_columns.clear();
+    m_columns.reserve(std::max(m_dstWidth, 0));
+    uint32_t start = 0;
+    for (int x = 0; x < m_dstWidth; ++x) {
+        const uint32_t end = SmoothPosition(m_srcWidth, static_cast<uint32_t>(x) + 1, m_dstWidth);
+        const int64_t i0 = start / 256;
+        const int64_t i1 = end / 256;
+        Column c;
+        c.i0 = ClampIndex(i0, m_srcWidth);
+        c.i0Next = ClampIndex(i0 + 1, m_srcWidth);
+        c.i1 = ClampIndex(i1, m_srcWidth);
+        c.i1Next = ClampIndex(i1 + 1, m_srcWidth);
+        c.split = i0 != i1;
+        // Whole intervals k = i0+1 .. i1-1, all inside the line (k <= i1 - 1 <= srcWidth - 1).
+        c.inner = static_cast<int>(
+            std::max<int64_t>(0, std::min<int64_t>(i1 - i0 - 1, m_srcWidth - 1 - c.i0)));
+        c.w0 = static_cast<int32_t>(256 - start % 256);
+        c.w1 = static_cast<int32_t>(end % 256);
+        c.mean = ClampedQuotient(2 * (end - start));
+        m_columns.push_back(c);
+        start = end;
+    }
+}
+
+void CResizerTidy::LineProcess(const CPixel* src, CPixel* dst) const {
+    const int n = static_cast<int>(m_columns.size());
+    for (int x = 0; x < n; ++x) {
+        const Column& c = m_columns[x];
+        const CPixel a0 = src[c.i0], a1 = src[c.i0Next], b0 = src[c.i1], b1 = src[c.i1Next];
+        const int32_t psR = Lerp(a1.r, c.w0, a0.r - a1.r);
+        const int32_t psG = Lerp(a1.g, c.w0, a0.g - a1.g);
+        const int32_t psB = Lerp(a1.b, c.w0, a0.b - a1.b);
+        const int32_t peR = Lerp(b0.r, c.w1, b1.r - b0.r);
+        const int32_t peG = Lerp(b0.g, c.w1, b1.g - b0.g);
+        const int32_t peB = Lerp(b0.b, c.w1, b1.b - b0.b);
+        if (!c.split) {
+            // Both ends inside one interval: the mean of the two end values (0..510, so the
+            // quotient needs no clamping).
+            dst[x] = CPixel(static_cast<unsigned char>((psR + peR) / 2),
+                            static_cast<unsigned char>((psG + peG) / 2),
+                            static_cast<unsigned char>((psB + peB) / 2));
+            continue;
+        }
+        // Sum over the whole intervals of (s[k] + s[k+1]) == 2 * sum(s[k]) - s[i0+1] + s[i1].
+        uint32_t r = 0, g = 0, b = 0;
+        const CPixel* p = src + c.i0 + 1;
+        for (int k = 0; k < c.inner; ++k) {
+            r += p[k].r;
+            g += p[k].g;
+            b += p[k].b;
+        }
+        const uint32_t w0 = static_cast<uint32_t>(c.w0), w1 = static_cast<uint32_t>(c.w1);
+        r = (2 * r - a1.r + b0.r) * 256 + uint32_t(psR + a1.r) * w0 + uint32_t(peR + b0.r) * w1;
+        g = (2 * g - a1.g + b0.g) * 256 + uint32_t(psG + a1.g) * w0 + uint32_t(peG + b0.g) * w1;
+        b = (2 * b - a1.b + b0.b) * 256 + uint32_t(psB + a1.b) * w0 + uint32_t(peB + b0.b) * w1;
+        dst[x] = CPixel(c.mean.Of(r), c.mean.Of(g), c.mean.Of(b));
+    }
+}
+
+void CResizerTidy::SetSourceLine(const CPixel* src) {
+    LineProcess(src, m_lines.Rotate());
+    m_lineAcc += m_dstHeight;
+    ++m_filled;
+    // Nothing is ready until every buffer has been filled once; then all the lines accumulated
+    // so far become ready together.
+    if (m_filled < m_lineCount) return;
+    m_filled = m_lineCount;
+    m_readyLines += m_lineAcc / m_srcHeight;
+    m_lineAcc %= m_srcHeight;
+}
+
+CPixel* CResizerTidy::GetDestinationLinePointer() {
+    const uint32_t start = SmoothPosition(m_srcHeight, m_outIndex, m_dstHeight);
+    const uint32_t end = SmoothPosition(m_srcHeight, m_outIndex + 1, m_dstHeight);
+    const int32_t w0 = static_cast<int32_t>(256 - start % 256);
+    const int32_t w1 = static_cast<int32_t>(end % 256);
+    // Rows are counted from the oldest buffer, whatever source line it holds: deliberately not
+    // re-aligned to the start position (the lag is part of this resizer's output). Row indices
+    // past the queue, never reached when lines are taken as they become ready, read its ends.
+    const int64_t i1 = end / 256 - start / 256;
+    const int n = m_dstWidth * 3;
+    const unsigned char* l0 = Samples(m_lines.Row(0));
+    const unsigned char* l1 = Samples(m_lines.Row(1));
+    const unsigned char* m0 = Samples(m_lines.Row(ClampIndex(i1, m_lineCount)));
+    const unsigned char* m1 = Samples(m_lines.Row(ClampIndex(i1 + 1, m_lineCount)));
+    unsigned char* out = Samples(m_dstLine.get());
+
+    if (i1 == 0) {
+        for (int i = 0; i < n; ++i) {
+            const int32_t ps = Lerp(l1[i], w0, l0[i] - l1[i]);
+            const int32_t pe = Lerp(m0[i], w1, m1[i] - m0[i]);
+            out[i] = static_cast<unsigned char>((ps + pe) / 2);
+        }
+    } else {
+        // Sum over the whole intervals of (L[k] + L[k+1]) == 2 * sum(L[k]) - L[1] + L[i1].
+        uint32_t* sums = m_sums.data();
+        SumRows(m_lines, 1, i1 - 1, sums, n);
+        const ClampedQuotient mean(2 * (end - start));
+        for (int i = 0; i < n; ++i) {
+            const int32_t a0 = l0[i], a1 = l1[i], b0 = m0[i], b1 = m1[i];
+            const int32_t ps = Lerp(a1, w0, a0 - a1);
+            const int32_t pe = Lerp(b0, w1, b1 - b0);
+            const uint32_t s = (2 * sums[i] - a1 + b0) * 256 + uint32_t(ps + a1) * uint32_t(w0) +
+                               uint32_t(pe + b0) * uint32_t(w1);
+            out[i] = mean.Of(s);
+        }
+    }
+    --m_readyLines;
+    ++m_outIndex;
+    return m_dstLine.get();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Area-averaging reducer
+
+CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
+    : CResizer(srcWidth, srcHeight, dstWidth, dstHeight),
+      m_start(0),
+      m_end(0),
+      m_step(0),
+      m_rem(0),
+      m_lineCount((srcHeight - 1) / dstHeight + 2),
+      m_firstLine(0),
+      m_produced(0),
+      m_lines(m_lineCount, dstWidth) {
+    Init();
+}
+
+void CResizerReduces::Init() {
+    m_dstLine.reset(new CPixel[std::max(m_dstWidth, 1)]);
+    m_firstLine = -m_lineCount;
+    m_produced = 0;
+    m_readyLines = 0;
+    m_start = 0;
+    m_end = 0;
+    m_step = static_cast<uint32_t>(m_srcHeight) * 256 - 1;
+    m_rem = m_step;
+    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
+    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3, 0);
+
+    // The horizontal footprints are the same for every line: run the Bresenham division once.
+    m_columns.clear();
+    m_columns.reserve(std::max(m_dstWidth, 0));
+    const uint32_t step = static_cast<uint32_t>(m_srcWidth) * 256 - 1;
+    const uint32_t width = static_cast<uint32_t>(m_dstWidth);
+    uint32_t start = 0, end = 0, rem = 0;
+    for (int x = 0; x < m_dstWidth; ++x) {
+        rem += step;
+        end += rem / width;
+        rem %= width;
+        const int64_t i0 = start / 256;
+        const int64_t i1 = end / 256;
+        Column c;
+        c.first = ClampIndex(i0, m_srcWidth);
+        c.last = ClampIndex(i1, m_srcWidth);
+        c.inner = static_cast<int>(
+            std::max<int64_t>(0, std::min<int64_t>(i1 - i0 - 1, m_srcWidth - 1 - c.first)));
+        c.w0 = 256 - start % 256;
+        c.w1 = end % 256;
+        c.mean = ClampedQuotient(BoxDivisor(end - start));
+        m_columns.push_back(c);
+        start = end;
+    }
+}
+
+void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) const {
+    const int n = static_cast<int>(m_columns.size());
+    for (int x = 0; x < n; ++x) {
+        const Column& c = m_columns[x];
+        uint32_t r = 0, g = 0, b = 0;
+        const CPixel* p = src + c.first + 1;
+        for (int k = 0; k < c.inner; ++k) {
+            r += p[k].r;
+            g += p[k].g;
+            b += p[k].b;
+        }
+        const CPixel first = src[c.first], last = src[c.last];
+        r = r * 256 + first.r * c.w0 + last.r * c.w1;
+        g = g * 256 + first.g * c.w0 + last.g * c.w1;
+        b = b * 256 + first.b * c.w0 + last.b * c.w1;
+        dst[x] = CPixel(c.mean.Of(r), c.mean.Of(g), c.mean.Of(b));
+    }
+}
+
+void CResizerReduces::SetSourceLine(const CPixel* src) {
+    LineProcess(src, m_lines.Rotate());
+    ++m_firstLine;
+    if (m_firstLine < 0) return;  // buffers not full yet
+    const int64_t firstNeeded = m_start >> 8;
+    const int64_t lastNeeded = m_end >> 8;
+    if (m_firstLine > firstNeeded) return;  // the footprint's first line is gone for good
+    if (m_firstLine + m_lineCount <= lastNeeded) return;  // its last line has not arrived
+    ++m_readyLines;
+}
+
+bool CResizerReduces::NewDestinationLine() { return m_produced < m_dstHeight && m_readyLines != 0; }
+
+CPixel* CResizerReduces::GetDestinationLinePointer() {
+    const uint32_t w0 = 256 - m_start % 256;
+    const uint32_t w1 = m_end % 256;
+    const int64_t r0 = static_cast<int64_t>(m_start >> 8) - m_firstLine;
+    const int64_t r1 = static_cast<int64_t>(m_end >> 8) - m_firstLine;
+    if (m_lineCount <= r1) log.Put("CResizerReduces::GetDestinationLinePointer", 8);
+    // Row indices outside the queue, only reached when lines are not taken as soon as they are
+    // ready, read its nearest end.
+    const int n = m_dstWidth * 3;
+    const unsigned char* f = Samples(m_lines.Row(ClampIndex(r0, m_lineCount)));
+    const unsigned char* l = Samples(m_lines.Row(ClampIndex(r1, m_lineCount)));
+    unsigned char* out = Samples(m_dstLine.get());
+    uint32_t* sums = m_sums.data();
+    SumRows(m_lines, r0 + 1, r1 - 1, sums, n);
+    const ClampedQuotient mean(BoxDivisor(m_end - m_start));
+    for (int i = 0; i < n; ++i) out[i] = mean.Of(sums[i] * 256 + f[i] * w0 + l[i] * w1);
+
+    m_start = m_end;
+    m_rem += m_step;
+    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
+    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    --m_readyLines;
+    ++m_produced;
+    return m_dstLine.get();
+}
+
+}  // namespace Varnelo

@@ -1,0 +1,60 @@
+#include "pixel.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+namespace Varnelo {
+namespace {
+
+TEST(PixelTest, IsExactlyOneRgbScanlineSample) {
+    CPixel row[4];
+    EXPECT_EQ(sizeof row, 12u);
+    row[1] = CPixel(1, 2, 3);
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(row);
+    EXPECT_EQ(bytes[3], 1);
+    EXPECT_EQ(bytes[4], 2);
+    EXPECT_EQ(bytes[5], 3);
+    EXPECT_EQ(bytes[0], 0);
+}
+
+TEST(RGBPixelTest, WidensWithoutSign) {
+    const CRGBPixel p(CPixel(255, 0, 128));
+    EXPECT_EQ(p.r, 255);
+    EXPECT_EQ(p.g, 0);
+    EXPECT_EQ(p.b, 128);
+}
+
+TEST(RGBPixelTest, DivisionTruncatesTowardZero) {
+    const CRGBPixel q = CRGBPixel(-7, 7, -300) / 2;
+    EXPECT_EQ(q.r, -3);
+    EXPECT_EQ(q.g, 3);
+    EXPECT_EQ((CRGBPixel(-1, -300, -255) / 256).r, 0);
+    EXPECT_EQ((CRGBPixel(-1, -300, -255) / 256).g, -1);
+    EXPECT_EQ((CRGBPixel(-1, -300, -255) / 256).b, 0);
+}
+
+TEST(RGBPixelTest, NormClampsAndGetKeepsLowByte) {
+    CRGBPixel p(-5, 300, 17);
+    p.Norm();
+    EXPECT_EQ(p.Get(), CPixel(0, 255, 17));
+    // Without Norm, Get wraps: this is why every resampler clamps first.
+    EXPECT_EQ(CRGBPixel(256, 257, -1).Get(), CPixel(0, 1, 255));
+}
+
+TEST(RGBPixelTest, ArithmeticWrapsInThirtyTwoBits) {
+    const CRGBPixel big(INT32_MAX, INT32_MIN, 1 << 30);
+    const CRGBPixel sum = big + CRGBPixel(1, -1, 0);
+    EXPECT_EQ(sum.r, INT32_MIN);
+    EXPECT_EQ(sum.g, INT32_MAX);
+    EXPECT_EQ((big * 4).b, 0);
+    EXPECT_EQ((4 * big).b, 0);
+    EXPECT_EQ((CRGBPixel(INT32_MIN, 0, 0) / -1).r, INT32_MIN);
+    const CRGBPixel d = CRGBPixel(10, 20, 30) - CRGBPixel(CPixel(20, 20, 20));
+    EXPECT_EQ(d.r, -10);
+    EXPECT_EQ(d.g, 0);
+    EXPECT_EQ(d.b, 10);
+}
+
+}  // namespace
+}  // namespace Varnelo
