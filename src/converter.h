@@ -1,0 +1,66 @@
+#pragma once
+
+// The JPEG conversion pipeline: a full conversion that decodes a source JPEG line by line,
+// scales it with one of the resizers and re-encodes it, copying the source's COM/APPn
+// segments; a thumbnail conversion that writes the JPEG embedded in the source's EXIF block
+// when there is one; and the JPEG library's fatal-error hook that both rely on.
+//
+// Threads: every call owns all of its state (library objects, error managers, files,
+// resizer, buffers, hash) for its own length; calls on different threads share only the
+// logger. Nothing throws out of a conversion except allocation failure.
+
+#include <csetjmp>
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+// jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
+
+#include "hash.h"
+#include "resizer.h"
+
+namespace Varnelo {
+
+// Outcome of a conversion, carried to the client as a number.
+enum ConvertResult {
+    CR_OK = 0,                   // converted, no library warnings
+    CR_FILE_NOT_FOUND = 1,       // the source could not be opened
+    CR_CREATE_DEST_ERROR = 2,    // the destination could not be created
+    CR_JPEG_WARNINGS = 3,        // converted, but the library reported warnings
+    CR_RESAMPLING_ERROR = 4,     // bad arguments, unreadable JPEG or a fatal library fault
+    CR_LESS_THAN_REQUESTED = 5,  // the source is not larger than asked; nothing written
+    CR_INTERNAL_ERROR = 6,       // reserved for callers; never returned by the conversions
+};
+
+// An error manager whose fatal errors come back to the conversion that owns it. The library
+// is C, so a fault is not unwound as an exception: custom_error_exit jumps to `jump`, where
+// the conversion cleans up and reports CR_RESAMPLING_ERROR.
+struct JpegErrorManager {
+    jpeg_error_mgr pub;            // what the library object's `err` points at
+    std::jmp_buf* jump = nullptr;  // armed by the owning conversion before any library call
+};
+
+// The error_exit hook: logs "custom_error_exit (1)" at level 10 and jumps back into the
+// conversion. Never returns.
+// REQUIRES: cinfo->err is the `pub` member of a JpegErrorManager with `jump` armed, and the
+// frames between the setjmp and the library hold no object with a destructor.
+void custom_error_exit(jpeg_common_struct* cinfo);
+
+// Converts `src` into `dst` so that its longer side is at most `size` (clamped to 32..65536)
+// at JPEG `quality` (clamped to 0..100), using the resizer `resizerType`. Comments and all
+// application segments are copied unless `omitEXIF`. Sets srcWidth/srcHeight once decoding
+// has started, and `hash` to "S1|"+CRC-32 or "S2|"+MD5 of the source's last 2048 bytes (empty
+// for any other `hashType`) once the image is written. Returns a ConvertResult.
+int ConvertFile(const std::string& src, const std::string& dst, int size, int quality,
+                int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
+                TypeOfResizer resizerType, bool omitEXIF);
+
+// Writes the thumbnail embedded in the source's EXIF block to `dst` byte for byte, leaving the
+// out-arguments untouched; without one (or when `dst` cannot be opened for it) returns
+// ConvertFile(src, dst, ..., omitEXIF = true). Returns a ConvertResult.
+int ConvertFileThumbnail(const std::string& src, const std::string& dst, int size, int quality,
+                         int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
+                         TypeOfResizer resizerType);
+
+}  // namespace Varnelo
