@@ -54,9 +54,13 @@ void ThreadPool::SetPriority(int priority) {
 }
 
 void ThreadPool::Stop() {
-    for (auto& thread : m_threads) {
-        if (!thread->IsTerminate()) m_queue.Push(std::make_unique<Task>(std::string()));
+    // Count the live workers before pushing any token: a worker that takes a token ends at
+    // once, and checking each worker while pushing would then miss one that is still live.
+    int live = 0;
+    for (const auto& thread : m_threads) {
+        if (!thread->IsTerminate()) ++live;
     }
+    for (int i = 0; i < live; ++i) m_queue.Push(std::make_unique<Task>(std::string()));
 }
 
 void ThreadPool::Join() {
