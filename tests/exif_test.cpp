@@ -51,9 +51,9 @@ class HeaderReader {
     jpeg_decompress_struct m_src;
 };
 
-// Encodes a small grey image to memory, calling `beforeRows` after jpeg_start_compress.
-std::string EncodeWith(const std::function<void(jpeg_compress_struct*)>& configure,
-                       const std::function<void(jpeg_compress_struct*)>& beforeRows) {
+// Encodes a small image to memory with the given JFIF/Adobe switches, copying the markers
+// saved by `reader` right after jpeg_start_compress.
+std::string CopyMarkers(HeaderReader& reader, JCOPY_OPTION option, bool jfif, bool adobe) {
     jpeg_compress_struct dst;
     jpeg_error_mgr err;
     dst.err = jpeg_std_error(&err);
@@ -66,9 +66,10 @@ std::string EncodeWith(const std::function<void(jpeg_compress_struct*)>& configu
     dst.input_components = 3;
     dst.in_color_space = JCS_RGB;
     jpeg_set_defaults(&dst);
-    configure(&dst);
+    dst.write_JFIF_header = jfif ? TRUE : FALSE;
+    dst.write_Adobe_marker = adobe ? TRUE : FALSE;
     jpeg_start_compress(&dst, TRUE);
-    beforeRows(&dst);
+    jcopy_markers_execute(reader.get(), &dst, option);
     std::vector<unsigned char> row(8 * 3, 128);
     while (dst.next_scanline < dst.image_height) {
         JSAMPROW rows[1] = {row.data()};
@@ -85,28 +86,6 @@ std::vector<int> Markers(const std::vector<Segment>& segments) {
     std::vector<int> markers;
     for (const Segment& s : segments) markers.push_back(s.marker);
     return markers;
-}
-
-TEST(RawWorkerTest, ReadsAndWritesInTheSelectedByteOrder) {
-    unsigned char bytes[4] = {0x12, 0x34, 0x56, 0x78};
-    RAW_worker raw;
-    EXPECT_EQ(raw.ReadWord(bytes), 0x3412);
-    EXPECT_EQ(raw.ReadDword(bytes), 0x78563412UL);
-    raw.SetIsMotorollaFlag(true);
-    EXPECT_EQ(raw.ReadWord(bytes), 0x1234);
-    EXPECT_EQ(raw.ReadDword(bytes), 0x12345678UL);
-
-    raw.WriteDword(bytes, 0x1CAFEBABEUL);  // only the low 32 bits are stored
-    EXPECT_EQ(bytes[0], 0xCA);
-    EXPECT_EQ(bytes[3], 0xBE);
-    raw.WriteWord(bytes, 0xA002);
-    EXPECT_EQ(bytes[0], 0xA0);
-    raw.SetIsMotorollaFlag(false);
-    raw.WriteWord(bytes, 0xA002);
-    EXPECT_EQ(bytes[0], 0x02);
-    EXPECT_EQ(bytes[1], 0xA0);
-    raw.WriteDword(bytes, 0x01020304UL);
-    EXPECT_EQ(raw.ReadDword(bytes), 0x01020304UL);
 }
 
 class ByteOrderTest : public ::testing::TestWithParam<bool> {};
@@ -134,16 +113,10 @@ TEST_P(ByteOrderTest, IfdZeroLinkOfZeroReadsTheByteOrderMarkAsIfdOne) {
     b.PutWord(2, 42);
     b.PutDword(4, 50);
     b.PutWord(50, 1);
-    b.PutWord(52, 0x010E);
+    b.PutEntry(52, 0x010E, 2, 1, 0);
     b.PutDword(64, 0);
-    b.PutWord(14, 0x0201);
-    b.PutWord(16, 4);
-    b.PutDword(18, 1);
-    b.PutDword(22, 68);
-    b.PutWord(26, 0x0202);
-    b.PutWord(28, 4);
-    b.PutDword(30, 1);
-    b.PutDword(34, 4);
+    b.PutEntry(14, 0x0201, 4, 1, 68);
+    b.PutEntry(26, 0x0202, 4, 1, 4);
     b.payload.replace(6 + 68, 4, "JPEG");
     EXPECT_EQ(Extract(b), "JPEG");
 }
@@ -161,14 +134,13 @@ TEST_P(ByteOrderTest, AdjustRewritesSizesAndUnhooksTheThumbnailDirectory) {
               b.ifd1);
     b.payload.replace(6, tiff.size(), tiff);
     EXPECT_EQ(b.GetDword(b.ifd0Link), 0u);
-    // SHORT entries become LONG, count 1.
-    EXPECT_EQ(b.GetWord(b.pixelXEntry), 0xA002);
-    EXPECT_EQ(b.GetWord(b.pixelXEntry + 2), 4);
-    EXPECT_EQ(b.GetDword(b.pixelXEntry + 4), 1u);
-    EXPECT_EQ(b.GetDword(b.pixelXEntry + 8), 320u);
-    EXPECT_EQ(b.GetWord(b.pixelYEntry + 2), 4);
-    EXPECT_EQ(b.GetDword(b.pixelYEntry + 8), 240u);
     EXPECT_EQ(Extract(b), "<none>");
+    // The SHORT entries are now LONG, count 1.
+    ExifBlock expected = b;
+    expected.PutEntry(b.pixelXEntry, 0xA002, 4, 1, 320);
+    expected.PutEntry(b.pixelYEntry, 0xA003, 4, 1, 240);
+    EXPECT_EQ(b.payload, expected.payload);
+    EXPECT_EQ(b.GetDword(b.pixelYEntry + 8), 240u);
 }
 
 INSTANTIATE_TEST_SUITE_P(LittleAndBigEndian, ByteOrderTest, ::testing::Bool());
@@ -235,84 +207,52 @@ TEST(ExtractThumbnailTest, StopsAtTheEndOfTheBlockButKeepsWhatItFound) {
     EXPECT_FALSE(extract_thumbnail(nullptr, 100, nullptr, nullptr));
 }
 
-TEST(AdjustExifTest, LeavesSingleEntryExifDirectoryAlone) {
+struct AdjustCase {
+    const char* name;
+    std::function<void(ExifBlock&)> breakIt;
+    bool unhooked;  // IFD1's link zeroed all the same
+};
+
+class AdjustRefusalTest : public ::testing::TestWithParam<AdjustCase> {};
+
+TEST_P(AdjustRefusalTest, ReturnsZeroAndRewritesNoSize) {
     ExifSpec spec;
     spec.pixelX = 640;
     spec.pixelY = 480;
     spec.thumbnail = kThumb;
     ExifBlock b = BuildExif(spec);
-    // Make the Exif IFD hold only its PixelXDimension entry.
-    b.payload.replace(6 + b.exifIfd + 2, 12, b.payload.substr(6 + b.pixelXEntry, 12));
-    b.PutWord(b.exifIfd, 1);
+    GetParam().breakIt(b);
+    ExifBlock expected = b;
+    if (GetParam().unhooked) expected.PutDword(b.ifd0Link, 0);
     std::string tiff = b.Tiff();
     EXPECT_EQ(
-        adjust_exif_parameters(Bytes(tiff), static_cast<unsigned int>(tiff.size()), 1, 2, false),
+        adjust_exif_parameters(Bytes(tiff), static_cast<unsigned int>(tiff.size()), 1, 1, false),
         0u);
-    const std::string before = b.payload;
-    b.payload.replace(6, tiff.size(), tiff);
-    EXPECT_EQ(b.GetDword(b.ifd0Link), 0u);  // unhooked all the same
-    EXPECT_EQ(b.GetWord(b.exifIfd + 2 + 2), 3);
-    EXPECT_EQ(b.GetDword(b.exifIfd + 2 + 8), 640u);
-    b.PutDword(b.ifd0Link, b.ifd1);
-    EXPECT_EQ(b.payload, before);
+    EXPECT_EQ(tiff, expected.Tiff());
 }
 
-TEST(AdjustExifTest, WithoutThumbnailDirectoryRewritesSizesAndReturnsZero) {
-    ExifSpec spec;
-    spec.bigEndian = true;
-    spec.pixelX = 640;
-    spec.pixelY = 480;
-    ExifBlock b = BuildExif(spec);
-    std::string tiff = b.Tiff();
-    EXPECT_EQ(
-        adjust_exif_parameters(Bytes(tiff), static_cast<unsigned int>(tiff.size()), 64, 48, false),
-        0u);
-    b.payload.replace(6, tiff.size(), tiff);
-    EXPECT_EQ(b.GetDword(b.pixelXEntry + 8), 64u);
-    EXPECT_EQ(b.GetDword(b.pixelYEntry + 8), 48u);
-}
-
-TEST(AdjustExifTest, RefusesBlocksItCannotFollowWithoutTouchingThem) {
-    ExifSpec spec;
-    spec.pixelX = 640;
-    spec.pixelY = 480;
-    spec.thumbnail = kThumb;
-    const std::vector<std::function<void(ExifBlock&)>> breakers = {
-        [](ExifBlock& b) { b.payload.resize(6 + 11); },
-        [](ExifBlock& b) { b.PutWord(2, 0); },
-        [](ExifBlock& b) { b.PutDword(4, 0x10000); },
-        [](ExifBlock& b) { b.PutWord(b.ifd0, 0); },
-        [](ExifBlock& b) { b.PutWord(b.ifd0, 0xFFFF); },  // link past the block
-        [](ExifBlock& b) { b.PutDword(b.ifd0Link, 0xFFFFFFFFu); },
-    };
-    for (size_t i = 0; i < breakers.size(); ++i) {
-        ExifBlock b = BuildExif(spec);
-        breakers[i](b);
-        std::string tiff = b.Tiff();
-        const std::string before = tiff;
-        EXPECT_EQ(adjust_exif_parameters(Bytes(tiff), static_cast<unsigned int>(tiff.size()), 1, 1,
-                                         false),
-                  0u)
-            << i;
-        EXPECT_EQ(tiff, before) << i;
-    }
-    // Exif IFD pointer missing, or pointing far away: IFD1 is unhooked, sizes stay.
-    for (uint32_t pointer : {0u, 0x10000u}) {
-        ExifBlock b = BuildExif(spec);
-        if (pointer == 0) {
-            b.PutWord(b.ifd0 + 14, 0x8768);
-        } else {
-            b.PutDword(b.ifd0 + 14 + 8, pointer);
-        }
-        std::string tiff = b.Tiff();
-        EXPECT_EQ(adjust_exif_parameters(Bytes(tiff), static_cast<unsigned int>(tiff.size()), 1, 1,
-                                         false),
-                  0u);
-        b.payload.replace(6, tiff.size(), tiff);
-        EXPECT_EQ(b.GetDword(b.ifd0Link), 0u);
-        EXPECT_EQ(b.GetDword(b.pixelXEntry + 8), 640u);
-    }
-}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, AdjustRefusalTest,
+    ::testing::Values(
+        AdjustCase{"ElevenBytes", [](ExifBlock& b) { b.payload.resize(6 + 11); }, false},
+        AdjustCase{"WrongMagic", [](ExifBlock& b) { b.PutWord(2, 0); }, false},
+        AdjustCase{"IfdZeroBeyond64K", [](ExifBlock& b) { b.PutDword(4, 0x10000); }, false},
+        AdjustCase{"IfdZeroEmpty", [](ExifBlock& b) { b.PutWord(b.ifd0, 0); }, false},
+        AdjustCase{"LinkPastTheBlock", [](ExifBlock& b) { b.PutWord(b.ifd0, 0xFFFF); }, false},
+        AdjustCase{"IfdOneNearTwoToThe32",
+                   [](ExifBlock& b) { b.PutDword(b.ifd0Link, 0xFFFFFFFFu); }, false},
+        AdjustCase{"NoExifPointer", [](ExifBlock& b) { b.PutWord(b.ifd0 + 14, 0x8768); }, true},
+        AdjustCase{"ExifIfdBeyond64K", [](ExifBlock& b) { b.PutDword(b.ifd0 + 22, 0x10000); },
+                   true},
+        // A single-entry Exif IFD is left alone even when that entry is PixelXDimension.
+        AdjustCase{"SingleEntryExifIfd",
+                   [](ExifBlock& b) {
+                       b.payload.replace(6 + b.exifIfd + 2, 12,
+                                         b.payload.substr(6 + b.pixelXEntry, 12));
+                       b.PutWord(b.exifIfd, 1);
+                   },
+                   true}),
+    [](const ::testing::TestParamInfo<AdjustCase>& info) { return info.param.name; });
 
 TEST(JthumbnailTest, TakesTheFirstExifSegmentThatHasOne) {
     ExifSpec plain;
@@ -356,9 +296,7 @@ TEST_P(MarkerCopyTest, CopiesWhatWasSavedInFileOrder) {
     ASSERT_EQ(source.size(), segments.size() + 1);  // with the JFIF APP0 first
 
     HeaderReader reader(jpeg, GetParam());
-    const std::string out = EncodeWith(
-        [](jpeg_compress_struct* dst) { dst->write_JFIF_header = FALSE; },
-        [&](jpeg_compress_struct* dst) { jcopy_markers_execute(reader.get(), dst, GetParam()); });
+    const std::string out = CopyMarkers(reader, GetParam(), false, false);
 
     std::vector<Segment> expected;
     for (const Segment& s : source) {
@@ -378,23 +316,11 @@ TEST(MarkerCopyTest, SkipsJfifAndAdobeOnlyWhenTheEncoderWritesThemItself) {
     const std::string jpeg = EncodeJpeg(
         spec, {{0xE0, "JFIF"}, {0xEE, "Adobe-from-source"}, {0xEE, "Adob"}, {0xE0, "JFXX"}});
     HeaderReader reader(jpeg, JCOPYOPT_ALL);
-    const auto copyAll = [&](jpeg_compress_struct* dst) {
-        jcopy_markers_execute(reader.get(), dst, JCOPYOPT_ALL);
-    };
-
-    const std::string own = EncodeWith(
-        [](jpeg_compress_struct* dst) {
-            dst->write_JFIF_header = TRUE;
-            dst->write_Adobe_marker = TRUE;
-        },
-        copyAll);
     // The encoder's JFIF and Adobe come first; the source's are dropped, except the 4-byte
     // "JFIF" and the "Adob" segment, which are too short to count.
-    EXPECT_EQ(Markers(ReadSegments(own)), (std::vector<int>{0xE0, 0xEE, 0xE0, 0xEE, 0xE0}));
-
-    const std::string copied =
-        EncodeWith([](jpeg_compress_struct* dst) { dst->write_JFIF_header = FALSE; }, copyAll);
-    EXPECT_EQ(ReadSegments(copied), ReadSegments(jpeg));
+    EXPECT_EQ(Markers(ReadSegments(CopyMarkers(reader, JCOPYOPT_ALL, true, true))),
+              (std::vector<int>{0xE0, 0xEE, 0xE0, 0xEE, 0xE0}));
+    EXPECT_EQ(ReadSegments(CopyMarkers(reader, JCOPYOPT_ALL, false, false)), ReadSegments(jpeg));
 }
 
 TEST(TransformAdjustTest, CutsTheOldThumbnailOnlyWhenTheSizeChanges) {
@@ -407,31 +333,28 @@ TEST(TransformAdjustTest, CutsTheOldThumbnailOnlyWhenTheSizeChanges) {
 
     for (bool sameSize : {true, false}) {
         HeaderReader reader(jpeg, JCOPYOPT_ALL);
-        std::string app1;
-        EncodeWith(
-            [&](jpeg_compress_struct* dst) {
-                dst->image_width = sameSize ? 64 : 8;
-                dst->image_height = sameSize ? 48 : 8;
-                dst->write_JFIF_header = TRUE;
-                jtransform_adjust_parameters(reader.get(), dst);
-                EXPECT_FALSE(dst->write_JFIF_header);
-                dst->image_width = 8;
-                dst->image_height = 8;
-            },
-            [&](jpeg_compress_struct*) {
-                jpeg_saved_marker_ptr m = reader.get()->marker_list;
-                while (m != nullptr && m->marker != 0xE1) m = m->next;
-                ASSERT_NE(m, nullptr);
-                app1.assign(reinterpret_cast<char*>(m->data), m->data_length);
-            });
+        jpeg_compress_struct dst;
+        jpeg_error_mgr err;
+        dst.err = jpeg_std_error(&err);
+        jpeg_create_compress(&dst);
+        dst.image_width = sameSize ? 64 : 8;
+        dst.image_height = sameSize ? 48 : 6;
+        dst.write_JFIF_header = TRUE;
+        jtransform_adjust_parameters(reader.get(), &dst);
+        EXPECT_FALSE(dst.write_JFIF_header);
+        jpeg_destroy_compress(&dst);
+
+        jpeg_saved_marker_ptr m = reader.get()->marker_list;
+        while (m != nullptr && m->marker != 0xE1) m = m->next;
+        ASSERT_NE(m, nullptr);
+        ExifBlock out = exif;
+        out.payload.assign(reinterpret_cast<char*>(m->data), m->data_length);
         if (sameSize) {
-            EXPECT_EQ(app1, exif.payload);
+            EXPECT_EQ(out.payload, exif.payload);
         } else {
-            ASSERT_EQ(app1.size(), exif.ifd1 + 6u);
-            ExifBlock cut = exif;
-            cut.payload = app1;
-            EXPECT_EQ(cut.GetDword(cut.ifd0Link), 0u);
-            EXPECT_EQ(cut.GetDword(cut.pixelXEntry + 8), 8u);
+            ASSERT_EQ(out.payload.size(), exif.ifd1 + 6u);
+            EXPECT_EQ(out.GetDword(out.ifd0Link), 0u);
+            EXPECT_EQ(out.GetDword(out.pixelYEntry + 8), 6u);
         }
     }
 }

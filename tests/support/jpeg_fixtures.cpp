@@ -227,6 +227,19 @@ void ExifBlock::PutDword(uint32_t tiffOffset, uint32_t value) {
     PutBytes(payload, 6 + tiffOffset, value, 4, bigEndian);
 }
 
+void ExifBlock::PutEntry(uint32_t tiffOffset, uint16_t tag, uint16_t type, uint32_t count,
+                         uint32_t value) {
+    PutWord(tiffOffset, tag);
+    PutWord(tiffOffset + 2, type);
+    PutDword(tiffOffset + 4, count);
+    PutDword(tiffOffset + 8, 0);
+    if (type == 3) {
+        PutWord(tiffOffset + 8, static_cast<uint16_t>(value));
+    } else {
+        PutDword(tiffOffset + 8, value);
+    }
+}
+
 uint16_t ExifBlock::GetWord(uint32_t tiffOffset) const {
     return static_cast<uint16_t>(GetBytes(payload, 6 + tiffOffset, 2, bigEndian));
 }
@@ -267,38 +280,24 @@ ExifBlock BuildExif(const ExifSpec& spec) {
     b.PutWord(2, 42);
     b.PutDword(4, b.ifd0);
 
-    const auto entry = [&](uint32_t at, uint16_t tag, uint16_t type, uint32_t count) {
-        b.PutWord(at, tag);
-        b.PutWord(at + 2, type);
-        b.PutDword(at + 4, count);
-    };
     b.PutWord(b.ifd0, count0);
-    entry(b.ifd0 + 2, 0x010E, 2, sizeof kDescription);
-    b.PutDword(b.ifd0 + 2 + 8, description);
-    if (withExifIfd) {
-        entry(b.ifd0 + 14, 0x8769, 4, 1);
-        b.PutDword(b.ifd0 + 14 + 8, b.exifIfd);
-    }
+    b.PutEntry(b.ifd0 + 2, 0x010E, 2, sizeof kDescription, description);
+    if (withExifIfd) b.PutEntry(b.ifd0 + 14, 0x8769, 4, 1, b.exifIfd);
     b.PutDword(b.ifd0Link, b.ifd1);
     b.payload.replace(6 + description, sizeof kDescription, kDescription, sizeof kDescription);
 
     if (withExifIfd) {
         b.PutWord(b.exifIfd, 3);
-        entry(b.exifIfd + 2, 0x9000, 7, 4);
+        b.PutEntry(b.exifIfd + 2, 0x9000, 7, 4, 0);
         b.payload.replace(6 + b.exifIfd + 2 + 8, 4, "0230");
-        entry(b.pixelXEntry, 0xA002, 3, 1);
-        b.PutWord(b.pixelXEntry + 8, static_cast<uint16_t>(spec.pixelX));
-        entry(b.pixelYEntry, 0xA003, 3, 1);
-        b.PutWord(b.pixelYEntry + 8, static_cast<uint16_t>(spec.pixelY));
+        b.PutEntry(b.pixelXEntry, 0xA002, 3, 1, static_cast<uint32_t>(spec.pixelX));
+        b.PutEntry(b.pixelYEntry, 0xA003, 3, 1, static_cast<uint32_t>(spec.pixelY));
     }
     if (withIfd1) {
         b.PutWord(b.ifd1, 3);
-        entry(b.ifd1 + 2, 0x0103, 3, 1);
-        b.PutWord(b.ifd1 + 2 + 8, 6);
-        entry(b.thumbOffsetEntry, 0x0201, 4, 1);
-        b.PutDword(b.thumbOffsetEntry + 8, b.thumbnail);
-        entry(b.thumbLengthEntry, 0x0202, 4, 1);
-        b.PutDword(b.thumbLengthEntry + 8, static_cast<uint32_t>(spec.thumbnail.size()));
+        b.PutEntry(b.ifd1 + 2, 0x0103, 3, 1, 6);
+        b.PutEntry(b.thumbOffsetEntry, 0x0201, 4, 1, b.thumbnail);
+        b.PutEntry(b.thumbLengthEntry, 0x0202, 4, 1, static_cast<uint32_t>(spec.thumbnail.size()));
         b.payload.replace(6 + b.thumbnail, spec.thumbnail.size(), spec.thumbnail);
     }
     return b;

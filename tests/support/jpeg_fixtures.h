@@ -87,6 +87,8 @@ struct ExifBlock {
     // Writes a 16- or 32-bit value at a TIFF offset in the block's byte order.
     void PutWord(uint32_t tiffOffset, uint16_t value);
     void PutDword(uint32_t tiffOffset, uint32_t value);
+    // Writes a whole 12-byte IFD entry; a SHORT value goes in the first two value bytes.
+    void PutEntry(uint32_t tiffOffset, uint16_t tag, uint16_t type, uint32_t count, uint32_t value);
     uint16_t GetWord(uint32_t tiffOffset) const;
     uint32_t GetDword(uint32_t tiffOffset) const;
 };
