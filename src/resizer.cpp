@@ -39,6 +39,23 @@ inline uint32_t BoxDivisor(uint32_t len) { return len == 0 ? 256 : len; }
 // truncated toward zero, added to the sample the partial interval starts from.
 inline int32_t Lerp(int32_t base, int32_t w, int32_t diff) { return base + (w * diff) / 256; }
 
+// The per-sample loops over whole rows take __restrict pointers, so that they vectorise without
+// aliasing checks. The plain row sum is also written in fixed blocks of kBlock samples, a trip
+// count known at compile time, which even GCC's -O2 cost model vectorises.
+constexpr int kBlock = 16;
+
+void AddRow(uint32_t* __restrict sums, const unsigned char* __restrict row, int n) {
+    int i = 0;
+    for (; i + kBlock <= n; i += kBlock)
+        for (int j = i; j < i + kBlock; ++j) sums[j] += row[j];
+    for (; i < n; ++i) sums[i] += row[i];
+}
+
+void AddRowTimes(uint32_t* __restrict sums, const unsigned char* __restrict row, uint32_t times,
+                 int n) {
+    for (int i = 0; i < n; ++i) sums[i] += times * row[i];
+}
+
 // sums[i] = sum of ring.Row(k)[i] over k = lo .. hi, with every k clamped into the ring as Row
 // does, in time bounded by the ring's size however far the range runs past it.
 void SumRows(CLineRing& ring, int64_t lo, int64_t hi, uint32_t* sums, int n) {
@@ -49,18 +66,53 @@ void SumRows(CLineRing& ring, int64_t lo, int64_t hi, uint32_t* sums, int n) {
         static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(hi, -1) - lo + 1));
     const uint32_t after =
         static_cast<uint32_t>(std::max<int64_t>(0, hi - std::max<int64_t>(lo, last + 1) + 1));
-    for (int64_t k = std::max<int64_t>(lo, 0); k <= std::min(hi, last); ++k) {
-        const unsigned char* row = Samples(ring.Row(static_cast<int>(k)));
-        for (int i = 0; i < n; ++i) sums[i] += row[i];
-    }
-    if (before != 0) {
-        const unsigned char* row = Samples(ring.Row(0));
-        for (int i = 0; i < n; ++i) sums[i] += before * row[i];
-    }
-    if (after != 0) {
-        const unsigned char* row = Samples(ring.Row(static_cast<int>(last)));
-        for (int i = 0; i < n; ++i) sums[i] += after * row[i];
-    }
+    for (int64_t k = std::max<int64_t>(lo, 0); k <= std::min(hi, last); ++k)
+        AddRow(sums, Samples(ring.Row(static_cast<int>(k))), n);
+    if (before != 0) AddRowTimes(sums, Samples(ring.Row(0)), before, n);
+    if (after != 0) AddRowTimes(sums, Samples(ring.Row(static_cast<int>(last))), after, n);
+}
+
+// One sample of the reducer's column pass: (inner * 256 + first * w0 + last * w1) / len.
+inline unsigned char BoxSample(uint32_t inner, uint32_t first, uint32_t last, uint32_t w0,
+                               uint32_t w1, const ClampedQuotient& mean) {
+    return mean.Of(inner * 256 + first * w0 + last * w1);
+}
+
+// One sample of the smooth resizer's column pass, rows a0, a1 at the start of the footprint
+// and b0, b1 at its end: (2 * inner - a1 + b0) * 256 + (Ps + a1) * w0 + (Pe + b0) * w1, over
+// 2 * len.
+inline unsigned char TrapezoidSample(uint32_t inner, int32_t a0, int32_t a1, int32_t b0, int32_t b1,
+                                     int32_t w0, int32_t w1, const ClampedQuotient& mean) {
+    const int32_t ps = Lerp(a1, w0, a0 - a1);
+    const int32_t pe = Lerp(b0, w1, b1 - b0);
+    return mean.Of((2 * inner - a1 + b0) * 256 + uint32_t(ps + a1) * uint32_t(w0) +
+                   uint32_t(pe + b0) * uint32_t(w1));
+}
+
+// Both ends of the footprint inside one interval: the mean of the two end values.
+inline unsigned char InsideSample(int32_t a0, int32_t a1, int32_t b0, int32_t b1, int32_t w0,
+                                  int32_t w1) {
+    return static_cast<unsigned char>((Lerp(a1, w0, a0 - a1) + Lerp(b0, w1, b1 - b0)) / 2);
+}
+
+void FinishBox(unsigned char* __restrict out, const uint32_t* __restrict inner,
+               const unsigned char* __restrict first, const unsigned char* __restrict last,
+               uint32_t w0, uint32_t w1, const ClampedQuotient mean, int n) {
+    for (int i = 0; i < n; ++i) out[i] = BoxSample(inner[i], first[i], last[i], w0, w1, mean);
+}
+
+void FinishTrapezoid(unsigned char* __restrict out, const uint32_t* __restrict inner,
+                     const unsigned char* __restrict l0, const unsigned char* __restrict l1,
+                     const unsigned char* __restrict m0, const unsigned char* __restrict m1,
+                     int32_t w0, int32_t w1, const ClampedQuotient mean, int n) {
+    for (int i = 0; i < n; ++i)
+        out[i] = TrapezoidSample(inner[i], l0[i], l1[i], m0[i], m1[i], w0, w1, mean);
+}
+
+void FinishInside(unsigned char* __restrict out, const unsigned char* __restrict l0,
+                  const unsigned char* __restrict l1, const unsigned char* __restrict m0,
+                  const unsigned char* __restrict m1, int32_t w0, int32_t w1, int n) {
+    for (int i = 0; i < n; ++i) out[i] = InsideSample(l0[i], l1[i], m0[i], m1[i], w0, w1);
 }
 
 }  // namespace
@@ -70,7 +122,8 @@ ClampedQuotient::ClampedQuotient(uint32_t divisor) {
     unsigned bits = 0;                              // ceil(log2 d)
     while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
     m_shift = 31 + bits;
-    m_mul = ((uint64_t(1) << m_shift) + d - 1) / d;
+    m_mul = static_cast<uint32_t>(((uint64_t(1) << m_shift) + d - 1) / d);
+    m_limit = static_cast<uint32_t>(std::min<uint64_t>(256 * d - 1, 0x7FFFFFFF));
 }
 
 CLineRing::CLineRing(int count, int width)
@@ -262,24 +315,12 @@ CPixel* CResizerTidy::GetDestinationLinePointer() {
     unsigned char* out = Samples(m_dstLine.get());
 
     if (i1 == 0) {
-        for (int i = 0; i < n; ++i) {
-            const int32_t ps = Lerp(l1[i], w0, l0[i] - l1[i]);
-            const int32_t pe = Lerp(m0[i], w1, m1[i] - m0[i]);
-            out[i] = static_cast<unsigned char>((ps + pe) / 2);
-        }
+        FinishInside(out, l0, l1, m0, m1, w0, w1, n);
     } else {
         // Sum over the whole intervals of (L[k] + L[k+1]) == 2 * sum(L[k]) - L[1] + L[i1].
-        uint32_t* sums = m_sums.data();
-        SumRows(m_lines, 1, i1 - 1, sums, n);
-        const ClampedQuotient mean(2 * (end - start));
-        for (int i = 0; i < n; ++i) {
-            const int32_t a0 = l0[i], a1 = l1[i], b0 = m0[i], b1 = m1[i];
-            const int32_t ps = Lerp(a1, w0, a0 - a1);
-            const int32_t pe = Lerp(b0, w1, b1 - b0);
-            const uint32_t s = (2 * sums[i] - a1 + b0) * 256 + uint32_t(ps + a1) * uint32_t(w0) +
-                               uint32_t(pe + b0) * uint32_t(w1);
-            out[i] = mean.Of(s);
-        }
+        SumRows(m_lines, 1, i1 - 1, m_sums.data(), n);
+        FinishTrapezoid(out, m_sums.data(), l0, l1, m0, m1, w0, w1,
+                        ClampedQuotient(2 * (end - start)), n);
     }
     --m_readyLines;
     ++m_outIndex;
@@ -298,7 +339,8 @@ CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int 
       m_lineCount((srcHeight - 1) / dstHeight + 2),
       m_firstLine(0),
       m_produced(0),
-      m_lines(m_lineCount, dstWidth) {
+      m_lines(m_lineCount, dstWidth),
+      m_taps(1) {
     Init();
 }
 
@@ -315,47 +357,99 @@ void CResizerReduces::Init() {
     m_rem %= static_cast<uint32_t>(m_dstHeight);
     m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3, 0);
 
-    // The horizontal footprints are the same for every line: run the Bresenham division once.
-    m_columns.clear();
-    m_columns.reserve(std::max(m_dstWidth, 0));
+    // The horizontal footprints are the same for every line: run the Bresenham division once,
+    // then lay each footprint out as weights over a window of m_taps pixels inside the line.
+    struct Footprint {
+        int first, inner, last;
+        uint32_t w0, w1, len;
+    };
+    std::vector<Footprint> footprints;
+    footprints.reserve(std::max(m_dstWidth, 0));
     const uint32_t step = static_cast<uint32_t>(m_srcWidth) * 256 - 1;
     const uint32_t width = static_cast<uint32_t>(m_dstWidth);
     uint32_t start = 0, end = 0, rem = 0;
+    m_taps = 1;
     for (int x = 0; x < m_dstWidth; ++x) {
         rem += step;
         end += rem / width;
         rem %= width;
         const int64_t i0 = start / 256;
         const int64_t i1 = end / 256;
-        Column c;
-        c.first = ClampIndex(i0, m_srcWidth);
-        c.last = ClampIndex(i1, m_srcWidth);
-        c.inner = static_cast<int>(
-            std::max<int64_t>(0, std::min<int64_t>(i1 - i0 - 1, m_srcWidth - 1 - c.first)));
-        c.w0 = 256 - start % 256;
-        c.w1 = end % 256;
-        c.mean = ClampedQuotient(BoxDivisor(end - start));
-        m_columns.push_back(c);
+        Footprint f;
+        f.first = ClampIndex(i0, m_srcWidth);
+        f.last = ClampIndex(i1, m_srcWidth);
+        f.inner = static_cast<int>(
+            std::max<int64_t>(0, std::min<int64_t>(i1 - i0 - 1, m_srcWidth - 1 - f.first)));
+        f.w0 = 256 - start % 256;
+        f.w1 = end % 256;
+        f.len = end - start;
+        m_taps = std::max(m_taps, std::max(f.last, f.first + f.inner) - f.first + 1);
+        footprints.push_back(f);
         start = end;
+    }
+    m_firstPixel.clear();
+    m_means.clear();
+    m_weights.assign(footprints.size() * static_cast<size_t>(m_taps), 0);
+    for (size_t x = 0; x < footprints.size(); ++x) {
+        const Footprint& f = footprints[x];
+        // The window starts at the footprint's first pixel, moved left as far as needed to end
+        // inside the line; the weights before the footprint are then zero.
+        const int window = std::max(0, std::min(f.first, m_srcWidth - m_taps));
+        uint32_t* w = &m_weights[x * m_taps];
+        w[f.first - window] += f.w0;
+        for (int k = 1; k <= f.inner; ++k) w[f.first + k - window] += 256;
+        w[f.last - window] += f.w1;  // the same pixel as w0 when the footprint is inside one
+        m_firstPixel.push_back(window);
+        m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
     }
 }
 
-void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) const {
-    const int n = static_cast<int>(m_columns.size());
-    for (int x = 0; x < n; ++x) {
-        const Column& c = m_columns[x];
+namespace {
+
+// One line across: dst[x] = sum over the window of weight * sample, divided and clamped. With
+// the window length known at compile time (Taps > 0) the loop over it unrolls completely.
+template <int Taps>
+void FilterLine(const CPixel* src, CPixel* dst, int n, int taps, const int* firstPixel,
+                const uint32_t* weights, const ClampedQuotient* means) {
+    const int t = Taps > 0 ? Taps : taps;
+    for (int x = 0; x < n; ++x, weights += t) {
+        const CPixel* p = src + firstPixel[x];
         uint32_t r = 0, g = 0, b = 0;
-        const CPixel* p = src + c.first + 1;
-        for (int k = 0; k < c.inner; ++k) {
-            r += p[k].r;
-            g += p[k].g;
-            b += p[k].b;
+        for (int k = 0; k < t; ++k) {
+            r += p[k].r * weights[k];
+            g += p[k].g * weights[k];
+            b += p[k].b * weights[k];
         }
-        const CPixel first = src[c.first], last = src[c.last];
-        r = r * 256 + first.r * c.w0 + last.r * c.w1;
-        g = g * 256 + first.g * c.w0 + last.g * c.w1;
-        b = b * 256 + first.b * c.w0 + last.b * c.w1;
-        dst[x] = CPixel(c.mean.Of(r), c.mean.Of(g), c.mean.Of(b));
+        dst[x] = CPixel(means[x].Of(r), means[x].Of(g), means[x].Of(b));
+    }
+}
+
+}  // namespace
+
+void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) const {
+    const int n = static_cast<int>(m_firstPixel.size());
+    const int* first = m_firstPixel.data();
+    const uint32_t* w = m_weights.data();
+    const ClampedQuotient* q = m_means.data();
+    switch (m_taps) {
+        case 1:
+            return FilterLine<1>(src, dst, n, m_taps, first, w, q);
+        case 2:
+            return FilterLine<2>(src, dst, n, m_taps, first, w, q);
+        case 3:
+            return FilterLine<3>(src, dst, n, m_taps, first, w, q);
+        case 4:
+            return FilterLine<4>(src, dst, n, m_taps, first, w, q);
+        case 5:
+            return FilterLine<5>(src, dst, n, m_taps, first, w, q);
+        case 6:
+            return FilterLine<6>(src, dst, n, m_taps, first, w, q);
+        case 7:
+            return FilterLine<7>(src, dst, n, m_taps, first, w, q);
+        case 8:
+            return FilterLine<8>(src, dst, n, m_taps, first, w, q);
+        default:
+            return FilterLine<0>(src, dst, n, m_taps, first, w, q);
     }
 }
 
@@ -386,8 +480,7 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     unsigned char* out = Samples(m_dstLine.get());
     uint32_t* sums = m_sums.data();
     SumRows(m_lines, r0 + 1, r1 - 1, sums, n);
-    const ClampedQuotient mean(BoxDivisor(m_end - m_start));
-    for (int i = 0; i < n; ++i) out[i] = mean.Of(sums[i] * 256 + f[i] * w0 + l[i] * w1);
+    FinishBox(out, sums, f, l, w0, w1, ClampedQuotient(BoxDivisor(m_end - m_start)), n);
 
     m_start = m_end;
     m_rem += m_step;

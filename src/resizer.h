@@ -70,20 +70,22 @@ class CResizerDirty : public CResizer {
 // multiplication and a shift so that no pixel needs a hardware division. A sum that is negative
 // read as signed gives 0; otherwise floor(sum / divisor) clamped to 255. Exact for every sum
 // and every divisor in [1, 2^32): with k = 31 + ceil(log2 d) and m = ceil(2^k / d),
-// floor(s / d) == (s * m) >> k for all s < 2^31 (the error m*d - 2^k stays below d).
+// floor(s / d) == (s * m) >> k for all s < 2^31 (the error m*d - 2^k stays below d), and m is
+// below 2^32. Sums are clamped to 256 * d - 1 first, so the quotient needs no clamp after; the
+// whole is 32-bit compares and one 32 x 32 -> 64-bit multiplication, which vectorises.
 class ClampedQuotient {
   public:
     ClampedQuotient() : ClampedQuotient(1) {}
     explicit ClampedQuotient(uint32_t divisor);
 
     uint8_t Of(uint32_t sum) const {
-        if (static_cast<int32_t>(sum) < 0) return 0;
-        const uint64_t q = (static_cast<uint64_t>(sum) * m_mul) >> m_shift;
-        return q > 255 ? 255 : static_cast<uint8_t>(q);
+        const uint32_t s = static_cast<int32_t>(sum) < 0 ? 0 : (sum < m_limit ? sum : m_limit);
+        return static_cast<uint8_t>((static_cast<uint64_t>(s) * m_mul) >> m_shift);
     }
 
   private:
-    uint64_t m_mul;
+    uint32_t m_limit;
+    uint32_t m_mul;
     unsigned m_shift;
 };
 
@@ -170,16 +172,6 @@ class CResizerReduces : public CResizer {
     CPixel* GetDestinationLinePointer() override;
 
   private:
-    // One destination column: first partial pixel, whole pixels after it, last partial pixel.
-    struct Column {
-        int first;
-        int inner;
-        int last;
-        uint32_t w0;
-        uint32_t w1;
-        ClampedQuotient mean;
-    };
-
     void Init();
     void LineProcess(const CPixel* src, CPixel* dst) const;
 
@@ -191,7 +183,12 @@ class CResizerReduces : public CResizer {
     int m_firstLine;
     int m_produced;
     CLineRing m_lines;
-    std::vector<Column> m_columns;
+    // Across, every footprint is a filter of m_taps weights (w0, 256, ..., 256, w1, zeros) over
+    // the source pixels from m_firstPixel[x]: one tight loop of equal length for all columns.
+    int m_taps;
+    std::vector<int> m_firstPixel;
+    std::vector<uint32_t> m_weights;  // m_taps per destination column
+    std::vector<ClampedQuotient> m_means;
     std::vector<uint32_t> m_sums;  // per-component scratch for the vertical pass
 };
 
