@@ -2,9 +2,11 @@
 
 #include <cstring>
 
+#include "converter.h"
 #include "fsutils.h"
 #include "installinfo.h"
 #include "log.h"
+#include "process.h"
 
 namespace Varnelo {
 
@@ -83,6 +85,99 @@ void LinkTextElement(TiXmlElement* parent, const char* tag, const std::string& t
 std::string TextOf(const TiXmlElement* element) {
     const char* text = element->GetText();
     return text != nullptr ? text : "";
+}
+
+// One image request of the downsample and thumbnail methods, with the client's defaults.
+struct ImageRequest {
+    int imageId = 0;
+    std::string sourcePath;
+    std::string destPath;
+    int resolution = 0;
+    int quality = 75;
+    bool omitEXIF = false;
+    // The wire's "MD5" selects 0, which is the CRC-32, and anything else 1, the MD5. The
+    // client depends on these crossed names, so they are kept.
+    HashType hash = HASH_MD5;
+};
+
+// The typed element `type` under the member's first `value`, or null.
+TiXmlElement* TypedValue(TiXmlElement* member, const char* type) {
+    return TiXmlHandle(member).FirstChildElement("value").FirstChildElement(type).Element();
+}
+
+void ReadInt(TiXmlElement* member, int& target) {
+    if (TiXmlElement* number = TypedValue(member, "i4")) FromString(TextOf(number), target);
+}
+
+void ReadString(TiXmlElement* member, std::string& target) {
+    if (TiXmlElement* text = TypedValue(member, "string")) target = TextOf(text);
+}
+
+// Reads the members of `fields` in document order; a later member of a name overrides an
+// earlier one, and a member with an unexpected type keeps the default.
+ImageRequest ReadImageRequest(TiXmlElement* fields, int defaultResolution) {
+    ImageRequest request;
+    request.resolution = defaultResolution;
+    for (TiXmlElement* member = fields->FirstChildElement("member"); member != nullptr;
+         member = member->NextSiblingElement()) {
+        TiXmlElement* nameElement = member->FirstChildElement("name");
+        if (nameElement == nullptr) continue;
+        const std::string name = TextOf(nameElement);
+        if (name == "imageId") {
+            ReadInt(member, request.imageId);
+        } else if (name == "sourcePath") {
+            ReadString(member, request.sourcePath);
+        } else if (name == "destPath") {
+            ReadString(member, request.destPath);
+        } else if (name == "resolution") {
+            ReadInt(member, request.resolution);
+        } else if (name == "quality") {
+            ReadInt(member, request.quality);
+        } else if (name == "omitEXIF") {
+            if (TiXmlElement* flag = TypedValue(member, "boolean")) {
+                request.omitEXIF = TextOf(flag) == "1";
+            }
+        } else if (name == "hashMethod") {
+            if (TiXmlElement* method = TypedValue(member, "string")) {
+                request.hash = TextOf(method) == "MD5" ? HASH_CRC32 : HASH_MD5;
+            }
+        }
+    }
+    return request;
+}
+
+const char* HashLogName(HashType hash) {
+    switch (hash) {
+        case HASH_CRC32:
+            return "MD5";
+        case HASH_MD5:
+            return "CRC32";
+        default:
+            return "NONE";
+    }
+}
+
+// The client's text for a conversion result. The thumbnail method words the resampling
+// error differently; the client matches both texts.
+std::string FailureReason(int result, bool thumbnail) {
+    switch (result) {
+        case CR_OK:
+            return "ok";
+        case CR_FILE_NOT_FOUND:
+            return "file not found";
+        case CR_CREATE_DEST_ERROR:
+            return "create destination file error";
+        case CR_JPEG_WARNINGS:
+            return "jpeg library warning(s)";
+        case CR_RESAMPLING_ERROR:
+            return thumbnail ? "error" : "jpeg resampling error";
+        case CR_LESS_THAN_REQUESTED:
+            return "actual resolution less than requested";
+        case CR_INTERNAL_ERROR:
+            return "internal error";
+        default:
+            return "undefined error";
+    }
 }
 
 }  // namespace
@@ -273,8 +368,86 @@ int XMLRPC::Erase(TiXmlElement* param) {
     return 1;
 }
 
-int XMLRPC::Downsample(TiXmlElement*) { return 1; }
+int XMLRPC::Downsample(TiXmlElement* params) {
+    TiXmlElement* answers = CreateResponseHeader();
+    for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
+         param = param->NextSiblingElement()) {
+        TiXmlElement* fields =
+            TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
+        if (fields == nullptr) continue;
+        const ImageRequest request = ReadImageRequest(fields, 640);
 
-int XMLRPC::Thumbnail(TiXmlElement*) { return 1; }
+        log.Put("Downsample", 13);
+        log.Put("  src:      " + request.sourcePath, 13);
+        log.Put("  dst:      " + request.destPath, 13);
+        log.Put("  Id:       " + ToString(request.imageId), 13);
+        log.Put("  Size:     " + ToString(request.resolution), 13);
+        log.Put("  Quality:  " + ToString(request.quality), 13);
+        log.Put(request.omitEXIF ? "  omitEXIF: yes" : "  omitEXIF: no", 13);
+        log.Put(std::string("  hash:     ") + HashLogName(request.hash), 13);
+
+        CProcess job;
+        job.SetDestinationSize(request.resolution);
+        job.SetDestinationQuality(request.quality);
+        job.SetUseResizer(RESIZER_REDUCES);
+        job.SetHash(request.hash);
+        job.SetOmitEXIF(request.omitEXIF);
+        const bool success = job.ProcessAuto(request.sourcePath, request.destPath);
+
+        TiXmlElement* answer = AddStruct(AddValue(AddParam(answers)));
+        AddIntValue(AddMember(answer), request.imageId, "imageId");
+        AddBooleanValue(AddMember(answer), success, "success");
+        if (success) {
+            TiXmlElement* original = AddMember(answer);
+            AddName(original, "originalImage");
+            TiXmlElement* originalFields = AddStruct(AddValue(original));
+            TiXmlElement* resolution = AddMember(originalFields);
+            AddName(resolution, "resolution");
+            TiXmlElement* size = AddStruct(AddValue(resolution));
+            AddIntValue(AddMember(size), job.GetOriginalWidth(), "width");
+            AddIntValue(AddMember(size), job.GetOriginalHeight(), "height");
+            AddStringValue(AddMember(originalFields), job.GetOriginalHash(), "hash");
+        } else {
+            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), false),
+                           "failureReason");
+        }
+    }
+    return 1;
+}
+
+int XMLRPC::Thumbnail(TiXmlElement* params) {
+    TiXmlElement* answers = CreateResponseHeader();
+    for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
+         param = param->NextSiblingElement()) {
+        TiXmlElement* fields =
+            TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
+        if (fields == nullptr) continue;
+        // EXIF is always omitted and the hash is the job's own; the request cannot change them.
+        const ImageRequest request = ReadImageRequest(fields, 72);
+
+        log.Put("Thumbnail", 13);
+        log.Put("  src:     " + request.sourcePath, 13);
+        log.Put("  dst:     " + request.destPath, 13);
+        log.Put("  Id:      " + ToString(request.imageId), 13);
+        log.Put("  Size:    " + ToString(request.resolution), 13);
+        log.Put("  Quality: " + ToString(request.quality), 13);
+
+        CProcess job;
+        job.SetDestinationSize(request.resolution);
+        job.SetDestinationQuality(request.quality);
+        job.SetUseResizer(RESIZER_REDUCES);
+        job.SetOmitEXIF(true);
+        const bool success = job.ProcessThumbnailAuto(request.sourcePath, request.destPath);
+
+        TiXmlElement* answer = AddStruct(AddValue(AddParam(answers)));
+        AddIntValue(AddMember(answer), request.imageId, "imageId");
+        AddBooleanValue(AddMember(answer), success, "success");
+        if (!success) {
+            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), true),
+                           "failureReason");
+        }
+    }
+    return 1;
+}
 
 }  // namespace Varnelo
