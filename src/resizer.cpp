@@ -30,6 +30,12 @@ uint32_t SmoothPosition(int size, uint32_t index, int count) {
     return static_cast<uint32_t>(static_cast<uint64_t>(p));
 }
 
+inline unsigned CeilLog2(uint64_t d) {
+    unsigned bits = 0;
+    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
+    return bits;
+}
+
 // The box sum divides by the footprint length. A footprint shorter than 1/256 of a pixel
 // (enlargements past 256 times) has length 0 and lies inside one sample, whose weights then add
 // up to 256; dividing by 256 instead of 0 gives that sample unchanged.
@@ -119,9 +125,7 @@ void FinishInside(unsigned char* __restrict out, const unsigned char* __restrict
 
 ClampedQuotient::ClampedQuotient(uint32_t divisor) {
     const uint64_t d = divisor == 0 ? 1 : divisor;  // callers never divide by 0
-    unsigned bits = 0;                              // ceil(log2 d)
-    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
-    m_shift = 31 + bits;
+    m_shift = 31 + CeilLog2(d);
     m_mul = static_cast<uint32_t>(((uint64_t(1) << m_shift) + d - 1) / d);
     m_limit = static_cast<uint32_t>(std::min<uint64_t>(256 * d - 1, 0x7FFFFFFF));
 }
@@ -340,7 +344,8 @@ CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int 
       m_firstLine(0),
       m_produced(0),
       m_lines(m_lineCount, dstWidth),
-      m_taps(1) {
+      m_taps(1),
+      m_rowShift(0) {
     Init();
 }
 
@@ -402,17 +407,42 @@ void CResizerReduces::Init() {
         m_firstPixel.push_back(window);
         m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
     }
+
+    // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
+    // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
+    // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
+    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32.
+    m_rowMul.clear();
+    m_rowLimit.clear();
+    m_rowShift = 0;
+    unsigned bits = 0;
+    for (const Footprint& f : footprints) bits = std::max(bits, CeilLog2(BoxDivisor(f.len)));
+    const unsigned shift = 8 + 2 * bits;
+    bool rowQuotients = uint64_t(m_taps) * 255 * 256 < 0x80000000u && bits <= 24;
+    for (size_t x = 0; x < footprints.size() && rowQuotients; ++x) {
+        const uint64_t d = BoxDivisor(footprints[x].len);
+        const uint64_t m = ((uint64_t(1) << shift) + d - 1) / d;
+        rowQuotients = m <= 0xFFFFFFFFu;
+        m_rowMul.insert(m_rowMul.end(), 3, static_cast<uint32_t>(m));
+        m_rowLimit.insert(m_rowLimit.end(), 3, static_cast<uint32_t>(256 * d - 1));
+    }
+    if (rowQuotients) {
+        m_rowShift = shift;
+    } else {
+        m_rowMul.clear();
+        m_rowLimit.clear();
+    }
 }
 
 namespace {
 
-// One line across: dst[x] = sum over the window of weight * sample, divided and clamped. With
-// the window length known at compile time (Taps > 0) the loop over it unrolls completely.
+// One line across: sums[3x + c] = sum over the window of weight * sample. With the window
+// length known at compile time (Taps > 0) the loop over it unrolls completely.
 template <int Taps>
-void FilterLine(const CPixel* src, CPixel* dst, int n, int taps, const int* firstPixel,
-                const uint32_t* weights, const ClampedQuotient* means) {
+void FilterLine(const CPixel* src, uint32_t* __restrict sums, int n, int taps,
+                const int* firstPixel, const uint32_t* weights) {
     const int t = Taps > 0 ? Taps : taps;
-    for (int x = 0; x < n; ++x, weights += t) {
+    for (int x = 0; x < n; ++x, weights += t, sums += 3) {
         const CPixel* p = src + firstPixel[x];
         uint32_t r = 0, g = 0, b = 0;
         for (int k = 0; k < t; ++k) {
@@ -420,36 +450,63 @@ void FilterLine(const CPixel* src, CPixel* dst, int n, int taps, const int* firs
             g += p[k].g * weights[k];
             b += p[k].b * weights[k];
         }
-        dst[x] = CPixel(means[x].Of(r), means[x].Of(g), means[x].Of(b));
+        sums[0] = r;
+        sums[1] = g;
+        sums[2] = b;
+    }
+}
+
+void RowQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
+                  const uint32_t* __restrict mul, const uint32_t* __restrict limit, unsigned shift,
+                  int n) {
+    for (int i = 0; i < n; ++i) {
+        const uint32_t s = sums[i] < limit[i] ? sums[i] : limit[i];
+        out[i] = static_cast<unsigned char>((static_cast<uint64_t>(s) * mul[i]) >> shift);
     }
 }
 
 }  // namespace
 
-void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) const {
+void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) {
     const int n = static_cast<int>(m_firstPixel.size());
     const int* first = m_firstPixel.data();
     const uint32_t* w = m_weights.data();
-    const ClampedQuotient* q = m_means.data();
+    uint32_t* sums = m_sums.data();
     switch (m_taps) {
         case 1:
-            return FilterLine<1>(src, dst, n, m_taps, first, w, q);
+            FilterLine<1>(src, sums, n, m_taps, first, w);
+            break;
         case 2:
-            return FilterLine<2>(src, dst, n, m_taps, first, w, q);
+            FilterLine<2>(src, sums, n, m_taps, first, w);
+            break;
         case 3:
-            return FilterLine<3>(src, dst, n, m_taps, first, w, q);
+            FilterLine<3>(src, sums, n, m_taps, first, w);
+            break;
         case 4:
-            return FilterLine<4>(src, dst, n, m_taps, first, w, q);
+            FilterLine<4>(src, sums, n, m_taps, first, w);
+            break;
         case 5:
-            return FilterLine<5>(src, dst, n, m_taps, first, w, q);
+            FilterLine<5>(src, sums, n, m_taps, first, w);
+            break;
         case 6:
-            return FilterLine<6>(src, dst, n, m_taps, first, w, q);
+            FilterLine<6>(src, sums, n, m_taps, first, w);
+            break;
         case 7:
-            return FilterLine<7>(src, dst, n, m_taps, first, w, q);
+            FilterLine<7>(src, sums, n, m_taps, first, w);
+            break;
         case 8:
-            return FilterLine<8>(src, dst, n, m_taps, first, w, q);
+            FilterLine<8>(src, sums, n, m_taps, first, w);
+            break;
         default:
-            return FilterLine<0>(src, dst, n, m_taps, first, w, q);
+            FilterLine<0>(src, sums, n, m_taps, first, w);
+    }
+    if (!m_rowMul.empty()) {
+        RowQuotients(Samples(dst), sums, m_rowMul.data(), m_rowLimit.data(), m_rowShift, 3 * n);
+        return;
+    }
+    for (int x = 0; x < n; ++x) {
+        const ClampedQuotient& q = m_means[x];
+        dst[x] = CPixel(q.Of(sums[3 * x]), q.Of(sums[3 * x + 1]), q.Of(sums[3 * x + 2]));
     }
 }
 

@@ -173,7 +173,7 @@ class CResizerReduces : public CResizer {
 
   private:
     void Init();
-    void LineProcess(const CPixel* src, CPixel* dst) const;
+    void LineProcess(const CPixel* src, CPixel* dst);
 
     uint32_t m_start;
     uint32_t m_end;
@@ -189,7 +189,12 @@ class CResizerReduces : public CResizer {
     std::vector<int> m_firstPixel;
     std::vector<uint32_t> m_weights;  // m_taps per destination column
     std::vector<ClampedQuotient> m_means;
-    std::vector<uint32_t> m_sums;  // per-component scratch for the vertical pass
+    // The same divisions for a whole line of sums in one loop that vectorises: a multiplier and
+    // a clamp per sample and one shift for all. Empty when some divisor does not allow it.
+    std::vector<uint32_t> m_rowMul;
+    std::vector<uint32_t> m_rowLimit;
+    unsigned m_rowShift;
+    std::vector<uint32_t> m_sums;  // per-sample scratch: the sums across, then down
 };
 
 // The resizer for a TypeOfResizer, or null for any other value.

@@ -354,11 +354,14 @@ std::vector<Size> SizesToCompare() {
     std::mt19937 rng(1234);
     std::uniform_int_distribution<int> dim(1, 80);
     for (int i = 0; i < 120; ++i) sizes.push_back({dim(rng), dim(rng), dim(rng), dim(rng)});
-    // Photo-like ratios, extreme reductions (divisors past 2^22), enlargements past 256 times
-    // (footprints of length 0) and a tall queue of line buffers.
+    // Photo-like ratios, extreme reductions (divisors up to 2^23, windows whose sums could
+    // reach 2^31), enlargements past 256 times (footprints of length 0) and a tall queue of
+    // line buffers.
     sizes.push_back({6000, 9, 1600, 3});
     sizes.push_back({4000, 6, 1067, 4});
+    sizes.push_back({3000, 4, 1, 2});
     sizes.push_back({20000, 4, 1, 2});
+    sizes.push_back({40000, 3, 1, 2});
     sizes.push_back({2, 4, 700, 2});
     sizes.push_back({3, 2, 5, 800});
     sizes.push_back({2, 3000, 3, 2});
