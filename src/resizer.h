@@ -20,8 +20,8 @@ enum TypeOfResizer { RESIZER_DIRTY = 0, RESIZER_TIDY = 1, RESIZER_REDUCES = 2 };
 // dstWidth pixels and stays valid and unchanged until the next SetSourceLine or
 // GetDestinationLinePointer.
 // REQUIRES: all four sizes >= 1 (not checked). SetSourceLine reads exactly srcWidth pixels.
-// Outputs are bit-exact while the source sizes stay below 2^23; larger sizes wrap the 32-bit
-// positions but still never read or write outside a buffer.
+// Positions in 1/256 pixel fit 32 bits for sizes below 2^24; beyond that they wrap, and still
+// no resizer reads or writes outside a buffer.
 // Threads: one resizer per image, used by one thread; resizers share nothing.
 class CResizer {
   public:
