@@ -11,9 +11,6 @@ namespace {
 
 // Rows are walked as flat arrays of 8-bit samples (R, G, B, R, ...): CPixel is exactly three
 // bytes, and per-sample loops over a whole row are what the compiler vectorises.
-inline const unsigned char* Samples(const CPixel* row) {
-    return reinterpret_cast<const unsigned char*>(row);
-}
 inline unsigned char* Samples(CPixel* row) { return reinterpret_cast<unsigned char*>(row); }
 
 inline int ClampIndex(int64_t i, int size) {
