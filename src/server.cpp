@@ -71,6 +71,16 @@ void StdioListenThread::Execute() {
         dropping = true;
         collected.clear();
     };
+    // Makes what was collected the request to queue; a dropped request yields nothing.
+    const auto takeCollected = [&]() {
+        request = std::move(collected);
+        collected.clear();
+        if (dropping) {
+            request.clear();
+            dropping = false;
+        }
+        if (!request.empty()) m_readState = 2;
+    };
 
     log.Put("+connect stdio", 8);
     m_spare = 0;
@@ -79,13 +89,7 @@ void StdioListenThread::Execute() {
         try {
             if (m_eof) {
                 Sleep_ms(100);
-                request = std::move(collected);
-                collected.clear();
-                if (dropping) {
-                    request.clear();
-                    dropping = false;
-                }
-                if (!request.empty()) m_readState = 2;
+                takeCollected();
                 if (m_pool.IsTerminate()) {
                     log.Put("Detect terminating", 8);
                     m_terminate = true;
@@ -97,13 +101,7 @@ void StdioListenThread::Execute() {
                     drop();
                 } else if (line == "*") {
                     log.Put("EXECUTE=" + line, 8);
-                    request = std::move(collected);
-                    collected.clear();
-                    if (dropping) {
-                        request.clear();
-                        dropping = false;
-                    }
-                    if (!request.empty()) m_readState = 2;
+                    takeCollected();
                 } else if (!line.empty() && !dropping) {
                     if (collected.size() + line.size() + 1 > kMaxRequest) {
                         drop();

@@ -32,11 +32,17 @@ Mutex StdioTask::stdout_mutex;
 
 StdioTask::StdioTask(const std::string& request) : Task(request) {}
 
+int Task::Run(std::string& response) {
+    const int result = m_message->Execute();
+    response = m_message->GetResponse();
+    return result;
+}
+
 void StdioTask::Execute() {
     log.Put("StdioTask::Execute", 8);
     if (m_terminate) return;
-    const int result = m_message->Execute();
-    const std::string response = m_message->GetResponse();
+    std::string response;
+    const int result = Run(response);
     if (!response.empty()) {
         AutoLock lock(stdout_mutex);
         std::fwrite(response.data(), 1, response.size(), stdout);
@@ -54,8 +60,8 @@ SocketTask::SocketTask(const std::string& request, int socket) : Task(request), 
 void SocketTask::Execute() {
     log.Put("SocketTask::Execute", 8);
     if (m_terminate) return;
-    const int result = m_message->Execute();
-    const std::string response = m_message->GetResponse();
+    std::string response;
+    const int result = Run(response);
     if (!response.empty()) {
         // The terminating null character goes on the wire: it marks the end of the response.
         send(m_socket, response.c_str(), response.size() + 1, 0);

@@ -29,6 +29,10 @@ class Task {
     bool IsTerminate() const { return m_terminate; }
 
   protected:
+    // Executes the request and takes its response text ("" when there is none); returns
+    // the XmlResult.
+    int Run(std::string& response);
+
     std::unique_ptr<XMLRPC> m_message;
     bool m_terminate;
 };

@@ -368,36 +368,55 @@ int XMLRPC::Erase(TiXmlElement* param) {
     return 1;
 }
 
-int XMLRPC::Downsample(TiXmlElement* params) {
+int XMLRPC::Downsample(TiXmlElement* params) { return AnswerImages(params, false); }
+
+int XMLRPC::Thumbnail(TiXmlElement* params) { return AnswerImages(params, true); }
+
+int XMLRPC::AnswerImages(TiXmlElement* params, bool thumbnail) {
+    // The thumbnail method's log labels are one blank narrower than the downsample method's.
+    const std::size_t labelWidth = thumbnail ? 9 : 10;
+    const auto label = [labelWidth](const std::string& name) {
+        return "  " + name + std::string(labelWidth - name.size(), ' ');
+    };
+
     TiXmlElement* answers = CreateResponseHeader();
     for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
          param = param->NextSiblingElement()) {
         TiXmlElement* fields =
             TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
         if (fields == nullptr) continue;
-        const ImageRequest request = ReadImageRequest(fields, 640);
+        const ImageRequest request = ReadImageRequest(fields, thumbnail ? 72 : 640);
 
-        log.Put("Downsample", 13);
-        log.Put("  src:      " + request.sourcePath, 13);
-        log.Put("  dst:      " + request.destPath, 13);
-        log.Put("  Id:       " + ToString(request.imageId), 13);
-        log.Put("  Size:     " + ToString(request.resolution), 13);
-        log.Put("  Quality:  " + ToString(request.quality), 13);
-        log.Put(request.omitEXIF ? "  omitEXIF: yes" : "  omitEXIF: no", 13);
-        log.Put(std::string("  hash:     ") + HashLogName(request.hash), 13);
+        log.Put(thumbnail ? "Thumbnail" : "Downsample", 13);
+        log.Put(label("src:") + request.sourcePath, 13);
+        log.Put(label("dst:") + request.destPath, 13);
+        log.Put(label("Id:") + ToString(request.imageId), 13);
+        log.Put(label("Size:") + ToString(request.resolution), 13);
+        log.Put(label("Quality:") + ToString(request.quality), 13);
+        if (!thumbnail) {
+            log.Put(label("omitEXIF:") + (request.omitEXIF ? "yes" : "no"), 13);
+            log.Put(label("hash:") + HashLogName(request.hash), 13);
+        }
 
         CProcess job;
         job.SetDestinationSize(request.resolution);
         job.SetDestinationQuality(request.quality);
         job.SetUseResizer(RESIZER_REDUCES);
-        job.SetHash(request.hash);
-        job.SetOmitEXIF(request.omitEXIF);
-        const bool success = job.ProcessAuto(request.sourcePath, request.destPath);
+        // A thumbnail always drops EXIF and keeps the job's own hash; the request cannot
+        // change either.
+        if (!thumbnail) job.SetHash(request.hash);
+        job.SetOmitEXIF(thumbnail || request.omitEXIF);
+        const bool success = thumbnail
+                                 ? job.ProcessThumbnailAuto(request.sourcePath, request.destPath)
+                                 : job.ProcessAuto(request.sourcePath, request.destPath);
 
         TiXmlElement* answer = AddStruct(AddValue(AddParam(answers)));
         AddIntValue(AddMember(answer), request.imageId, "imageId");
         AddBooleanValue(AddMember(answer), success, "success");
-        if (success) {
+        if (!success) {
+            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), thumbnail),
+                           "failureReason");
+        } else if (!thumbnail) {
             TiXmlElement* original = AddMember(answer);
             AddName(original, "originalImage");
             TiXmlElement* originalFields = AddStruct(AddValue(original));
@@ -407,44 +426,6 @@ int XMLRPC::Downsample(TiXmlElement* params) {
             AddIntValue(AddMember(size), job.GetOriginalWidth(), "width");
             AddIntValue(AddMember(size), job.GetOriginalHeight(), "height");
             AddStringValue(AddMember(originalFields), job.GetOriginalHash(), "hash");
-        } else {
-            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), false),
-                           "failureReason");
-        }
-    }
-    return 1;
-}
-
-int XMLRPC::Thumbnail(TiXmlElement* params) {
-    TiXmlElement* answers = CreateResponseHeader();
-    for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
-         param = param->NextSiblingElement()) {
-        TiXmlElement* fields =
-            TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
-        if (fields == nullptr) continue;
-        // EXIF is always omitted and the hash is the job's own; the request cannot change them.
-        const ImageRequest request = ReadImageRequest(fields, 72);
-
-        log.Put("Thumbnail", 13);
-        log.Put("  src:     " + request.sourcePath, 13);
-        log.Put("  dst:     " + request.destPath, 13);
-        log.Put("  Id:      " + ToString(request.imageId), 13);
-        log.Put("  Size:    " + ToString(request.resolution), 13);
-        log.Put("  Quality: " + ToString(request.quality), 13);
-
-        CProcess job;
-        job.SetDestinationSize(request.resolution);
-        job.SetDestinationQuality(request.quality);
-        job.SetUseResizer(RESIZER_REDUCES);
-        job.SetOmitEXIF(true);
-        const bool success = job.ProcessThumbnailAuto(request.sourcePath, request.destPath);
-
-        TiXmlElement* answer = AddStruct(AddValue(AddParam(answers)));
-        AddIntValue(AddMember(answer), request.imageId, "imageId");
-        AddBooleanValue(AddMember(answer), success, "success");
-        if (!success) {
-            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), true),
-                           "failureReason");
         }
     }
     return 1;

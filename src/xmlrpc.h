@@ -66,6 +66,9 @@ class XMLRPC {
     static const int kMaxDepth = 256;
 
   private:
+    // One conversion job and one answer per image request of a downsample or thumbnail call.
+    int AnswerImages(TiXmlElement* params, bool thumbnail);
+
     TiXmlDocument m_request;
     TiXmlDocument m_response;
 };
