@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -25,29 +24,16 @@ std::string Call(const std::string& method, const std::string& params = "") {
 }
 
 const std::string kClose = Call("upload.close") + "*\n";
-const std::string kInstallInfo = Call("upload.installInfoRequest") + "*\n";
-const std::string kConnect =
-    Call("upload.connect", "<params><param><value><struct/></value></param></params>") + "*\n";
-const std::string kEraseNothing =
+const std::string kInfo = Call("upload.installInfoRequest") + "*\n";
+const std::string kConnect = Call("upload.connect", "<params><param/></params>") + "*\n";
+const std::string kErase =
     Call("service.erase", "<params><param><value><array><data/></array></value></param></params>") +
     "*\n";
 
-const char kDone[] =
-    "<methodResponse>\n <params>\n  <param>\n   <value>\n    <string>done</string>\n   </value>\n"
-    "  </param>\n </params>\n</methodResponse>\n";
-
-bool IsInstallInfoAnswer(const std::string& response) {
-    return response.find("<name>picasaInstalled</name>") != std::string::npos;
-}
-
-bool IsConnectAnswer(const std::string& response) {
-    return response.find("<name>currentVersion</name>") != std::string::npos;
-}
-
-// The response the message layer gives for `request` (framed with its "*" line).
-std::string AnswerInProcess(const std::string& request) {
+// The response the message layer gives for a framed request.
+std::string Expected(const std::string& framed) {
     XMLRPC rpc;
-    rpc.Parse(request.substr(0, request.size() - 2));
+    rpc.Parse(framed.substr(0, framed.size() - 2));
     rpc.Execute();
     return rpc.GetResponse();
 }
@@ -61,22 +47,21 @@ class PrivateCopy {
     }
     const std::string& binary() const { return m_binary; }
     std::string LogPath() const { return m_dir.Path("log"); }
-    std::string Log() const { return ReadFileBytes(LogPath()); }
+    std::vector<std::string> LogLines() const { return Lines(ReadFileBytes(LogPath())); }
 
   private:
     TempDir m_dir;
     std::string m_binary;
 };
 
-TEST(ServiceTest, AnswersHousekeepingAndEndsAfterCloseAndEndOfInput) {
+TEST(ServiceTest, CloseEndsTheServiceOnlyOnceInputEnds) {
     ServiceProcess service(VARNELO_BIN);
-    service.Send(kConnect + kInstallInfo);
-    std::vector<std::string> responses = service.ReadResponses(2);
-    ASSERT_EQ(responses.size(), 2u);
     service.Send(kClose);
-    responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_EQ(responses[0], kDone);
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{Expected(kClose)});
+    Sleep_ms(200);
+    service.Send(kInfo + kConnect);
+    EXPECT_EQ(service.ReadResponses(2).size(), 2u) << "the other workers still serve";
+    EXPECT_EQ(service.Wait(100), -1);
     service.CloseInput();
     EXPECT_EQ(service.Wait(3000), 0);
     EXPECT_EQ(service.ReadRest(1000), "") << "nothing but responses on standard output";
@@ -84,89 +69,42 @@ TEST(ServiceTest, AnswersHousekeepingAndEndsAfterCloseAndEndOfInput) {
 
 TEST(ServiceTest, FramingDropsEmptyLinesAndSplitsOnlyAtABareStar) {
     ServiceProcess service(VARNELO_BIN);
-    // Empty lines anywhere, and a "*" with nothing collected, produce no request.
     service.Send(
         "\n\n*\n<methodCall>\n\n<methodName>upload.installInfoRequest</methodName>\n\n"
         "</methodCall>\n\n*\n");
-    std::vector<std::string> responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_TRUE(IsInstallInfoAnswer(responses[0]));
-
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{Expected(kInfo)});
     // A "*" followed by a carriage return is an ordinary line.
-    service.Send(
-        "<methodCall><methodName>upload.connect</methodName><params><param/></params>"
-        "</methodCall>\n*\r\n");
+    service.Send(kConnect.substr(0, kConnect.size() - 2) + "*\r\n");
     EXPECT_TRUE(service.ReadResponses(1, 400).empty());
     service.Send("*\n");
-    responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_TRUE(IsConnectAnswer(responses[0]));
-
-    service.Send(kClose);
-    ASSERT_EQ(service.ReadResponses(1).size(), 1u);
-    service.CloseInput();
-    EXPECT_EQ(service.Wait(3000), 0);
-}
-
-TEST(ServiceTest, InputEndingWithoutStarIsStillAnsweredAndServiceWaits) {
-    ServiceProcess service(VARNELO_BIN);
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{Expected(kConnect)});
+    // Input ending without "*" is still a request; with no worker ended the service waits.
     service.Send(Call("upload.installInfoRequest"));
     service.CloseInput();
-    const std::vector<std::string> responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_TRUE(IsInstallInfoAnswer(responses[0]));
-    // No worker has ended, so the service keeps polling rather than exiting.
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{Expected(kInfo)});
     EXPECT_EQ(service.Wait(400), -1);
 }
 
 TEST(ServiceTest, ExitMidRequestDropsItButQueuedWorkIsAnswered) {
     ServiceProcess service(VARNELO_BIN);
     std::string burst;
-    for (int i = 0; i < 40; ++i) burst += kInstallInfo;
+    for (int i = 0; i < 40; ++i) burst += kInfo;
     service.Send(burst + "<methodCall>\n<methodName>upload.close</methodName>\nexit\n");
-    const std::vector<std::string> responses = service.ReadResponses(41, 10000);
-    EXPECT_EQ(responses.size(), 40u);
-    for (const std::string& response : responses) EXPECT_TRUE(IsInstallInfoAnswer(response));
+    EXPECT_EQ(service.ReadResponses(41, 10000), std::vector<std::string>(40, Expected(kInfo)));
     EXPECT_EQ(service.Wait(5000), 0);
 }
 
-TEST(ServiceTest, CloseWithInputStillOpenKeepsServing) {
-    ServiceProcess service(VARNELO_BIN);
-    service.Send(kClose);
-    ASSERT_EQ(service.ReadResponses(1).size(), 1u);
-    Sleep_ms(200);
-    service.Send(kInstallInfo + kConnect);
-    const std::vector<std::string> responses = service.ReadResponses(2);
-    ASSERT_EQ(responses.size(), 2u);
-    EXPECT_EQ(service.Wait(100), -1) << "still running while its input is open";
-    service.CloseInput();
-    EXPECT_EQ(service.Wait(3000), 0);
-}
-
 TEST(ServiceTest, BurstOfRequestsIsAnsweredOnceEachNeverInterleaved) {
-    PrivateCopy copy;
-    ServiceProcess service(copy.binary(), {"-l", "9"});
+    ServiceProcess service(VARNELO_BIN);
     std::string burst;
-    for (int i = 0; i < 100; ++i) burst += kConnect + kInstallInfo + kEraseNothing;
+    for (int i = 0; i < 100; ++i) burst += kConnect + kInfo + kErase;
     service.Send(burst);
     const std::vector<std::string> responses = service.ReadResponses(300, 30000);
     ASSERT_EQ(responses.size(), 300u);
-    const std::string connectAnswer = AnswerInProcess(kConnect);
-    const std::string infoAnswer = AnswerInProcess(kInstallInfo);
-    int connects = 0;
-    int infos = 0;
-    int dones = 0;
-    for (const std::string& response : responses) {
-        connects += response == connectAnswer;
-        infos += response == infoAnswer;
-        dones += response == kDone;
+    for (const std::string& request : {kConnect, kInfo, kErase}) {
+        EXPECT_EQ(std::count(responses.begin(), responses.end(), Expected(request)), 100);
     }
-    EXPECT_EQ(connects, 100);
-    EXPECT_EQ(infos, 100);
-    EXPECT_EQ(dones, 100);
-    service.Send(kClose);
-    ASSERT_EQ(service.ReadResponses(1).size(), 1u);
-    service.CloseInput();
+    service.Send("exit\n");
     EXPECT_EQ(service.Wait(5000), 0);
     EXPECT_EQ(service.ReadRest(1000), "");
 }
@@ -175,35 +113,23 @@ TEST(ServiceTest, OversizedRequestIsDroppedAndTheNextOneAnswered) {
     PrivateCopy copy;
     ServiceProcess service(copy.binary(), {"-l", "9"});
     // Lines far beyond 1023 characters are fine...
-    const std::string longPath(200000, 'p');
-    service.Send(Call("service.erase", "<params><param><value><array><data><value><string>/" +
+    const std::string longPath = "/" + std::string(200000, 'p');
+    service.Send(Call("service.erase", "<params><param><value><array><data><value><string>" +
                                            longPath +
-                                           "</string></value></data></array></value></param>"
-                                           "</params>") +
+                                           "</string></value></data></array></value>"
+                                           "</param></params>") +
                  "*\n");
-    std::vector<std::string> responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_NE(responses[0].find("<string>cause</string>"), std::string::npos);
-
-    // ...but a line past 1 MiB drops its whole request.
-    service.Send("<methodCall>\n<methodName>upload.close</methodName>\n" +
-                 std::string((1u << 20) + 10, 'x') + "\n</methodCall>\n*\n" + kInstallInfo);
-    responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_TRUE(IsInstallInfoAnswer(responses[0]));
-
-    // So does a request past 16 MiB made of acceptable lines.
+    ASSERT_EQ(service.ReadResponses(1).size(), 1u);
+    // ...but a line past 1 MiB, or a request past 16 MiB, drops its whole request.
     std::string huge = "<methodCall>\n<methodName>upload.close</methodName>\n";
-    const std::string line(1000000, 'y');
-    for (int i = 0; i < 17; ++i) huge += "<!--" + line + "-->\n";
-    service.Send(huge + "</methodCall>\n*\n" + kConnect);
-    responses = service.ReadResponses(1);
-    ASSERT_EQ(responses.size(), 1u);
-    EXPECT_TRUE(IsConnectAnswer(responses[0]));
-
+    for (int i = 0; i < 17; ++i) huge += "<!--" + std::string(1000000, 'y') + "-->\n";
+    service.Send("<methodCall>\n<methodName>upload.close</methodName>\n" +
+                 std::string((1u << 20) + 10, 'x') + "\n</methodCall>\n*\n" + huge +
+                 "</methodCall>\n*\n" + kInfo);
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{Expected(kInfo)});
     service.Send("exit\n");
     EXPECT_EQ(service.Wait(5000), 0);
-    const std::vector<std::string> lines = Lines(copy.Log());
+    const std::vector<std::string> lines = copy.LogLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "StdioThread request too long, dropped"), 2);
 }
 
@@ -225,50 +151,42 @@ TEST(ServiceTest, LogFileLiesBesideTheExecutableAndFollowsTheLevel) {
         service.CloseInput();
         ASSERT_EQ(service.Wait(3000), 0);
     }
-    const std::vector<std::string> lines = Lines(copy.Log());
+    const std::vector<std::string> lines = copy.LogLines();
     ASSERT_GT(lines.size(), 10u);
     EXPECT_EQ(lines[0], "Debug level=9");
     EXPECT_EQ(lines[1], "Num of physical cores=" + ToString(GetNumOfCores()));
-    EXPECT_EQ(lines[2], "Starting client application...");
-    const std::string text = copy.Log();
-    EXPECT_EQ(text.find("Log filepath: "), std::string::npos);
-    EXPECT_EQ(text.find("methodName:"), std::string::npos) << "level 12 is above threshold 9";
-    EXPECT_NE(text.find("StdioTask::XML_SHUTDOWN\n"), std::string::npos);
-    const std::string::size_type detect = text.find("Detect terminating\n");
-    ASSERT_NE(detect, std::string::npos);
-    EXPECT_LT(detect, text.find("-disconnect stdio\n"));
-    EXPECT_LT(text.find("-disconnect stdio\n"), text.find("CServer::Stop\n"));
-    const std::string ending = "CServer::Delete\n\nBye.\n\n";
-    EXPECT_EQ(text.substr(text.size() - ending.size()), ending);
+    const auto at = [&](const std::string& line) {
+        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+    };
+    EXPECT_LT(at("StdioTask::XML_SHUTDOWN"), at("Detect terminating"));
+    EXPECT_LT(at("Detect terminating"), at("-disconnect stdio"));
+    EXPECT_LT(at("-disconnect stdio"), at("CServer::Stop"));
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 4, lines.end()),
+              (std::vector<std::string>{"CServer::Delete", "", "Bye.", ""}));
+    EXPECT_EQ(at("methodName: upload.close"), static_cast<long>(lines.size()))
+        << "level 12 is above threshold 9";
 }
 
-TEST(ServiceTest, WithoutSwitchesNoLogFileIsCreated) {
+TEST(ServiceTest, UnknownSwitchesAreLoggedWithTheLiteralCutByPosition) {
     PrivateCopy copy;
-    ServiceProcess service(copy.binary(), {"-x"});
-    service.Send(kClose);
-    ASSERT_EQ(service.ReadResponses(1).size(), 1u);
-    service.CloseInput();
-    ASSERT_EQ(service.Wait(3000), 0);
-    EXPECT_FALSE(FileExists(copy.LogPath()));
-}
+    ServiceProcess quiet(copy.binary(), {"-x"});
+    quiet.Send("exit\n");
+    ASSERT_EQ(quiet.Wait(3000), 0);
+    EXPECT_FALSE(FileExists(copy.LogPath())) << "level 0 creates no log file";
 
-TEST(ServiceTest, UnknownSwitchIsLoggedWithTheLiteralCutByItsPosition) {
-    PrivateCopy copy;
     ServiceProcess service(copy.binary(), {"-l", "20", "-x", "--", "-long"});
     service.Send("exit\n");
     ASSERT_EQ(service.Wait(3000), 0);
-    const std::vector<std::string> lines = Lines(copy.Log());
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "Debug level=20");
-    EXPECT_EQ(lines[1], "or in switches ");
-    EXPECT_EQ(lines[2], "r in switches ");
-    EXPECT_EQ(lines[3], "Num of physical cores=" + ToString(GetNumOfCores()));
+    const std::vector<std::string> lines = copy.LogLines();
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 3),
+              (std::vector<std::string>{"Debug level=20", "or in switches ", "r in switches "}));
 }
 
 TEST(ServiceTest, NamedSemaphoreExistsOnlyWhileServing) {
     ServiceProcess service(VARNELO_BIN);
     const std::string semaphore = "/dev/shm/sem.jprocsem_" + ToString(service.pid());
-    service.Send(kInstallInfo);
+    service.Send(kInfo);
     ASSERT_EQ(service.ReadResponses(1).size(), 1u);
     EXPECT_TRUE(FileExists(semaphore));
     service.Send("exit\n");
@@ -280,15 +198,8 @@ TEST(ServiceTest, GarbageNeverTakesTheServiceDown) {
     ServiceProcess service(VARNELO_BIN);
     std::string garbage;
     for (int i = 0; i < 4096; ++i) garbage += static_cast<char>((i * 7919) % 256);
-    service.Send(garbage +
-                 "\n*\n<methodCall><methodName>upload.connect</methodName><params>"
-                 "<param><value><struct><member><name><i4>x\n*\n" +
-                 kInstallInfo);
-    // The cut-off connect request is still understood as far as it goes; the garbage is not.
-    const std::vector<std::string> responses = service.ReadResponses(3, 2000);
-    ASSERT_EQ(responses.size(), 2u);
-    EXPECT_EQ(IsInstallInfoAnswer(responses[0]) + IsInstallInfoAnswer(responses[1]), 1);
-    EXPECT_EQ(IsConnectAnswer(responses[0]) + IsConnectAnswer(responses[1]), 1);
+    service.Send(garbage + "\n*\n" + kInfo);
+    EXPECT_EQ(service.ReadResponses(2, 1000), std::vector<std::string>{Expected(kInfo)});
     service.Send("exit\n");
     EXPECT_EQ(service.Wait(3000), 0);
 }
