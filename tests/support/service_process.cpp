@@ -117,27 +117,15 @@ std::vector<std::string> ServiceProcess::ReadResponses(std::size_t count, int ti
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     std::vector<std::string> responses;
     for (;;) {
-        // Cut complete responses off the front of what has been read.
-        std::string::size_type lineStart = 0;
-        std::string::size_type consumed = 0;
-        while (responses.size() < count) {
-            const std::string::size_type newline = m_output.find('\n', lineStart);
-            if (newline == std::string::npos) break;
-            if (m_output.compare(lineStart, newline - lineStart, "*") == 0) {
-                std::string response = m_output.substr(consumed, lineStart - consumed);
-                if (!response.empty() && response.back() == '\n') response.pop_back();
-                responses.push_back(response);
-                consumed = newline + 1;
-            }
-            lineStart = newline + 1;
+        // Each response text is followed by the separator "\n*\n".
+        std::string::size_type separator;
+        while (responses.size() < count &&
+               (separator = m_output.find("\n*\n")) != std::string::npos) {
+            responses.push_back(m_output.substr(0, separator));
+            m_output.erase(0, separator + 3);
         }
-        m_output.erase(0, consumed);
-        if (responses.size() >= count) return responses;
-        const int left = RemainingMs(deadline);
-        if (left == 0 || !ReadSome(left)) {
-            if (m_stdout < 0 && !m_output.empty()) continue;  // parse what the last read brought
-            return responses;
-        }
+        if (responses.size() >= count || RemainingMs(deadline) == 0) return responses;
+        if (!ReadSome(RemainingMs(deadline))) return responses;
     }
 }
 

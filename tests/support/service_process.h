@@ -25,7 +25,7 @@ class ServiceProcess {
 
     // Reads standard output until `count` responses (each ended by a line "*") have come,
     // the output ends, or `timeoutMs` passes. Returns the responses read so far, each
-    // without its separator line.
+    // without its separator.
     std::vector<std::string> ReadResponses(std::size_t count, int timeoutMs = 20000);
     // Reads standard output until it ends or `timeoutMs` passes; returns everything
     // not yet returned by ReadResponses.
