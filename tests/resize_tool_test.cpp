@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -13,90 +12,39 @@
 namespace Varnelo {
 namespace {
 
-const std::string kTool = VARNELO_BUILD_DIR "/varnelo-resize";
-
-struct ToolRun {
-    int status;
-    std::string err;
-};
-
-ToolRun RunTool(const TempDir& dir, const std::string& args) {
-    const std::string errPath = dir.Path("stderr.txt");
-    const int raw = std::system((kTool + " " + args + " 2>" + errPath).c_str());
-    return ToolRun{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFileBytes(errPath)};
+int RunTool(const std::string& args) {
+    const int raw =
+        std::system((VARNELO_BUILD_DIR "/varnelo-resize " + args + " 2>/dev/null").c_str());
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
 }
 
-std::vector<CPixel> RandomPixels(size_t n) {
-    std::mt19937 rng(17);
-    std::vector<CPixel> pixels(n);
-    for (CPixel& p : pixels) p = CPixel(rng(), rng(), rng());
-    return pixels;
-}
-
-std::string Bytes(const std::vector<CPixel>& pixels) {
-    const char* p = reinterpret_cast<const char*>(pixels.data());
-    return std::string(p, p + pixels.size() * sizeof(CPixel));
-}
-
-// The same scaling done in this process, as the tool should stream it.
-std::string ExpectedPpm(int type, const std::vector<CPixel>& src, int sw, int sh, int dw, int dh) {
-    std::unique_ptr<CResizer> resizer = CreateResizer(type, sw, sh, dw, dh);
-    std::vector<CPixel> row(sw + 2), black(dw), out;
-    int y = 0;
-    PumpLines(
-        *resizer, sw, sh, dh, row.data(), black.data(),
-        [&](CPixel* r) {
-            std::copy(src.begin() + y * sw, src.begin() + (y + 1) * sw, r);
-            ++y;
-        },
-        [&](CPixel* r) { out.insert(out.end(), r, r + dw); }, [] {});
-    return "P6\n" + std::to_string(dw) + " " + std::to_string(dh) + "\n255\n" + Bytes(out);
-}
-
-TEST(ResizeToolTest, StreamsAPpmThroughEachResizer) {
+TEST(ResizeToolTest, WritesWhatTheResizerStreamsAndRejectsBadArguments) {
     TempDir dir;
-    const int sw = 37, sh = 23;
-    const std::vector<CPixel> src = RandomPixels(sw * sh);
-    const std::string in =
-        dir.Write("in.ppm", "P6\n# made by the test\n37 23\n# another comment\n255\n" + Bytes(src));
-    const struct {
-        const char* name;
-        int type;
-    } methods[] = {{"dirty", RESIZER_DIRTY}, {"tidy", RESIZER_TIDY}, {"reduces", RESIZER_REDUCES}};
-    for (const auto& m : methods) {
-        const std::string out = dir.Path(std::string(m.name) + ".ppm");
-        const ToolRun run = RunTool(dir, std::string(m.name) + " 10 7 " + in + " " + out);
-        ASSERT_EQ(run.status, 0) << m.name << ": " << run.err;
-        EXPECT_EQ(ReadFileBytes(out), ExpectedPpm(m.type, src, sw, sh, 10, 7)) << m.name;
+    std::string pixels;
+    for (int i = 0; i < 37 * 23 * 3; ++i) pixels += static_cast<char>(i * 7919 % 256);
+    const std::string in = dir.Write("in.ppm", "P6\n# a comment\n37 23\n255\n" + pixels);
+    const std::string out = dir.Path("out.ppm"), methods[] = {"dirty", "tidy", "reduces"};
+    for (int type = RESIZER_DIRTY; type <= RESIZER_REDUCES; ++type) {
+        ASSERT_EQ(RunTool(methods[type] + " 10 7 " + in + " " + out), 0);
+        std::string expected = "P6\n10 7\n255\n";
+        std::unique_ptr<CResizer> resizer = CreateResizer(type, 37, 23, 10, 7);
+        std::vector<CPixel> row(37 + 2), black(10);
+        size_t at = 0;
+        PumpLines(
+            *resizer, 37, 23, 7, row.data(), black.data(),
+            [&](CPixel* r) { at += pixels.copy(reinterpret_cast<char*>(r), 37 * 3, at); },
+            [&](CPixel* r) { expected.append(reinterpret_cast<const char*>(r), 10 * 3); }, [] {});
+        EXPECT_EQ(ReadFileBytes(out), expected) << methods[type];
     }
-}
-
-TEST(ResizeToolTest, RejectsBadArgumentsAndFilesWithAMessage) {
-    TempDir dir;
-    const std::string good = dir.Write("good.ppm", "P6 2 2 255\n" + std::string(12, 'x'));
+    // Bad arguments or input fail and leave no output behind.
     const std::string cut = dir.Write("cut.ppm", "P6 2 2 255\n" + std::string(11, 'x'));
-    const std::string deep = dir.Write("deep.ppm", "P6 2 2 65535\n" + std::string(24, 'x'));
-    const std::string gray = dir.Write("gray.ppm", "P5 2 2 255\n" + std::string(4, 'x'));
-    const std::string out = dir.Path("out.ppm");
-    const std::string cases[] = {
-        "",
-        "smooth 1 1 " + good + " " + out,
-        "dirty 0 1 " + good + " " + out,
-        "dirty 4 x " + good + " " + out,
-        "dirty -3 2 " + good + " " + out,
-        "dirty 2 2 " + dir.Path("missing.ppm") + " " + out,
-        "dirty 2 2 " + cut + " " + out,
-        "dirty 2 2 " + deep + " " + out,
-        "dirty 2 2 " + gray + " " + out,
-        "dirty 2 2 " + good + " " + dir.Path("no/such/dir.ppm"),
-    };
-    for (const std::string& args : cases) {
-        const ToolRun run = RunTool(dir, args);
-        EXPECT_NE(run.status, 0) << args;
-        EXPECT_NE(run.err, "") << args;
-        EXPECT_EQ(ReadFileBytes(out), "") << args << ": no partial output is left";
+    const std::string bad = " " + dir.Path("bad.ppm");
+    for (const std::string& args :
+         {std::string(), "smooth 1 1 " + in, "dirty 0 1 " + in, "dirty 4 x " + in,
+          "dirty 2 2 " + dir.Path("missing.ppm"), "dirty 2 2 " + cut}) {
+        EXPECT_NE(RunTool(args + bad), 0) << args;
+        EXPECT_EQ(ReadFileBytes(dir.Path("bad.ppm")), "") << args;
     }
-    EXPECT_EQ(RunTool(dir, "dirty 2 2 " + good + " " + out).status, 0);
 }
 
 }  // namespace
