@@ -93,7 +93,7 @@ std::string TailHash(Hash&& hash, const std::string& path) {
 }
 
 struct PixelCase {
-    JpegSpec source;
+    JpegShape source;
     int size, quality;
     TypeOfResizer resizer;
     HashType hash;

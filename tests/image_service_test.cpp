@@ -98,16 +98,16 @@ class ImageServiceTest : public ::testing::Test {
   protected:
     // A camera-like photo: EXIF with an embedded thumbnail, then a comment.
     std::string WritePhoto(const std::string& name, int width, int height) {
-        JpegSpec thumbSpec;
-        thumbSpec.width = 160;
-        thumbSpec.height = 120;
-        thumbnail = EncodeJpeg(thumbSpec);
-        ExifSpec exif;
+        JpegShape thumbShape;
+        thumbShape.width = 160;
+        thumbShape.height = 120;
+        thumbnail = EncodeJpeg(thumbShape);
+        ExifShape exif;
         exif.thumbnail = thumbnail;
-        JpegSpec spec;
-        spec.width = width;
-        spec.height = height;
-        return tmp.Write(name, EncodeJpeg(spec, {{0xE1, BuildExif(exif).payload}, {0xFE, "c"}}));
+        JpegShape shape;
+        shape.width = width;
+        shape.height = height;
+        return tmp.Write(name, EncodeJpeg(shape, {{0xE1, BuildExif(exif).payload}, {0xFE, "c"}}));
     }
 
     TempDir tmp;
@@ -148,10 +148,10 @@ TEST_F(ImageServiceTest, DownsampleKeepsSegmentsAndReportsTheSource) {
 
 TEST_F(ImageServiceTest, EachImageFailsWithItsOwnReasonInRequestOrder) {
     const std::string photo = WritePhoto("photo.jpg", 200, 150);
-    JpegSpec small;
+    JpegShape small;
     small.width = 40;
     small.height = 30;
-    JpegSpec big;
+    JpegShape big;
     big.width = 400;
     big.height = 300;
     const Fields to100 = {{"resolution", "i4", "100"}};
@@ -200,13 +200,13 @@ TEST_F(ImageServiceTest, DestinationIsAJpgFileOrElseAFolder) {
 
 TEST_F(ImageServiceTest, ThumbnailPrefersTheEmbeddedBytesElseConvertsWithoutSegments) {
     const std::string camera = WritePhoto("camera.jpg", 800, 600);
-    JpegSpec plainSpec;
-    plainSpec.width = 600;
-    plainSpec.height = 800;
+    JpegShape plainShape;
+    plainShape.width = 600;
+    plainShape.height = 800;
     const std::vector<ImageAnswer> answers =
         Ask(ImageCall("upload.thumbnailRequest",
                       {Image(1, camera, tmp.Path("t1.jpg")),
-                       Image(2, tmp.Write("plain.jpg", EncodeJpeg(plainSpec, {{0xFE, "c"}})),
+                       Image(2, tmp.Write("plain.jpg", EncodeJpeg(plainShape, {{0xFE, "c"}})),
                              tmp.Path("t2.jpg"), {{"omitEXIF", "boolean", "0"}}),
                        Image(3, tmp.Write("text.jpg", std::string(100, 'x')), tmp.Path("t3.jpg")),
                        Image(4, tmp.Path("gone.jpg"), tmp.Path("t4.jpg"))}));

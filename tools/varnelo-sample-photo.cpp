@@ -27,20 +27,20 @@ int main(int argc, char** argv) {
     }
 
     using namespace Varnelo;
-    JpegSpec thumbSpec;
-    thumbSpec.width = 160;
-    thumbSpec.height = 160 * height / width > 0 ? 160 * height / width : 1;
-    ExifSpec exif;
+    JpegShape thumbShape;
+    thumbShape.width = 160;
+    thumbShape.height = 160 * height / width > 0 ? 160 * height / width : 1;
+    ExifShape exif;
     exif.pixelX = width;
     exif.pixelY = height;
-    exif.thumbnail = EncodeJpeg(thumbSpec);
+    exif.thumbnail = EncodeJpeg(thumbShape);
 
-    JpegSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.quality = 92;
+    JpegShape shape;
+    shape.width = width;
+    shape.height = height;
+    shape.quality = 92;
     const std::string photo =
-        EncodeJpeg(spec, {{0xE1, BuildExif(exif).payload}, {0xFE, "Varnelo sample photo"}});
+        EncodeJpeg(shape, {{0xE1, BuildExif(exif).payload}, {0xFE, "Varnelo sample photo"}});
 
     std::ofstream out(argv[1], std::ios::binary | std::ios::trunc);
     out.write(photo.data(), static_cast<std::streamsize>(photo.size()));

@@ -70,7 +70,7 @@ Contents Read(const std::string& jpeg, bool decode) {
 
 }  // namespace
 
-std::string EncodeJpeg(const JpegSpec& spec, const std::vector<Segment>& segments) {
+std::string EncodeJpeg(const JpegShape& shape, const std::vector<Segment>& segments) {
     jpeg_compress_struct cinfo;
     jpeg_error_mgr err;
     cinfo.err = jpeg_std_error(&err);
@@ -78,26 +78,26 @@ std::string EncodeJpeg(const JpegSpec& spec, const std::vector<Segment>& segment
     unsigned char* buffer = nullptr;
     unsigned long size = 0;
     jpeg_mem_dest(&cinfo, &buffer, &size);
-    const int n = spec.kind == JpegKind::GREY ? 1 : spec.kind == JpegKind::CMYK ? 4 : 3;
-    cinfo.image_width = spec.width;
-    cinfo.image_height = spec.height;
+    const int n = shape.kind == JpegKind::GREY ? 1 : shape.kind == JpegKind::CMYK ? 4 : 3;
+    cinfo.image_width = shape.width;
+    cinfo.image_height = shape.height;
     cinfo.input_components = n;
     cinfo.in_color_space = n == 1 ? JCS_GRAYSCALE : n == 4 ? JCS_CMYK : JCS_RGB;
     jpeg_set_defaults(&cinfo);
-    jpeg_set_quality(&cinfo, spec.quality, TRUE);
-    if (spec.kind == JpegKind::COLOUR_444) {
+    jpeg_set_quality(&cinfo, shape.quality, TRUE);
+    if (shape.kind == JpegKind::COLOUR_444) {
         cinfo.comp_info[0].h_samp_factor = cinfo.comp_info[0].v_samp_factor = 1;
     }
-    if (spec.progressive) jpeg_simple_progression(&cinfo);
+    if (shape.progressive) jpeg_simple_progression(&cinfo);
     jpeg_start_compress(&cinfo, TRUE);
     for (const Segment& s : segments) {
         jpeg_write_marker(&cinfo, s.marker, reinterpret_cast<const JOCTET*>(s.data.data()),
                           s.data.size());
     }
     // Smooth gradients with sharp edges, different in each channel; grey is their mean.
-    std::vector<JSAMPLE> line(static_cast<size_t>(spec.width) * n);
-    for (int y = 0; y < spec.height; ++y) {
-        for (int x = 0; x < spec.width; ++x) {
+    std::vector<JSAMPLE> line(static_cast<size_t>(shape.width) * n);
+    for (int y = 0; y < shape.height; ++y) {
+        for (int x = 0; x < shape.width; ++x) {
             const int rgb[3] = {(x * 7 + y * 3) & 0xFF, ((x ^ y) * 5) & 0xFF,
                                 (x / 8 + y / 8) % 2 != 0 ? 220 : 30};
             for (int c = 0; c < n; ++c) {
@@ -137,24 +137,24 @@ void ExifBlock::PutEntry(uint32_t at, uint16_t tag, uint16_t type, uint32_t valu
     Put(at + 8, value, type == 3 ? 2 : 4);
 }
 
-ExifBlock BuildExif(const ExifSpec& spec) {
+ExifBlock BuildExif(const ExifShape& shape) {
     ExifBlock b;
-    b.bigEndian = spec.bigEndian;
-    const bool withThumbnail = !spec.thumbnail.empty();
-    b.payload = std::string("Exif\0\0", 6) + (spec.bigEndian ? "MM" : "II") +
-                std::string((withThumbnail ? b.thumbnail : b.ifd1) - 2, '\0') + spec.thumbnail;
+    b.bigEndian = shape.bigEndian;
+    const bool withThumbnail = !shape.thumbnail.empty();
+    b.payload = std::string("Exif\0\0", 6) + (shape.bigEndian ? "MM" : "II") +
+                std::string((withThumbnail ? b.thumbnail : b.ifd1) - 2, '\0') + shape.thumbnail;
     b.Put(2, 42, 2);
     b.Put(4, b.ifd0);
     b.Put(b.ifd0, 1, 2);
     b.PutEntry(b.ifd0 + 2, 0x8769, 4, b.exifIfd);
     b.Put(b.ifd0Link, withThumbnail ? b.ifd1 : 0);
     b.Put(b.exifIfd, 2, 2);
-    b.PutEntry(b.pixelXEntry, 0xA002, 3, spec.pixelX);
-    b.PutEntry(b.pixelYEntry, 0xA003, 3, spec.pixelY);
+    b.PutEntry(b.pixelXEntry, 0xA002, 3, shape.pixelX);
+    b.PutEntry(b.pixelYEntry, 0xA003, 3, shape.pixelY);
     if (withThumbnail) {
         b.Put(b.ifd1, 2, 2);
         b.PutEntry(b.thumbOffsetEntry, 0x0201, 4, b.thumbnail);
-        b.PutEntry(b.thumbLengthEntry, 0x0202, 4, spec.thumbnail.size());
+        b.PutEntry(b.thumbLengthEntry, 0x0202, 4, shape.thumbnail.size());
     }
     return b;
 }

@@ -13,7 +13,7 @@ namespace Varnelo {
 // library marks with an Adobe APP14 instead of a JFIF APP0).
 enum class JpegKind { COLOUR_420, COLOUR_444, GREY, CMYK };
 
-struct JpegSpec {
+struct JpegShape {
     int width = 64, height = 48;
     JpegKind kind = JpegKind::COLOUR_420;
     bool progressive = false;
@@ -28,7 +28,7 @@ struct Segment {
 };
 
 // Encodes the test pattern; `segments` follow the library's own JFIF/Adobe marker, in order.
-std::string EncodeJpeg(const JpegSpec& spec, const std::vector<Segment>& segments = {});
+std::string EncodeJpeg(const JpegShape& shape, const std::vector<Segment>& segments = {});
 // The APPn and COM segments of a JPEG, in file order, up to the first SOS.
 std::vector<Segment> ReadSegments(const std::string& jpeg);
 // The JPEG cut halfway through what follows its first SOS.
@@ -43,7 +43,7 @@ struct DecodedJpeg {
 // Decodes to RGB with the library's defaults.
 DecodedJpeg DecodeJpeg(const std::string& jpeg);
 
-struct ExifSpec {
+struct ExifShape {
     int pixelX = 0, pixelY = 0;  // PixelXDimension and PixelYDimension, as SHORT
     std::string thumbnail = "";  // embedded through IFD1 when not empty
     bool bigEndian = false;
@@ -65,6 +65,6 @@ struct ExifBlock {
     void PutEntry(uint32_t at, uint16_t tag, uint16_t type, uint32_t value);
 };
 
-ExifBlock BuildExif(const ExifSpec& spec);
+ExifBlock BuildExif(const ExifShape& shape);
 
 }  // namespace Varnelo
