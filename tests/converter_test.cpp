@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -100,6 +101,10 @@ struct PixelCase {
     bool omitEXIF;
     int dstw, dsth;
 };
+
+void PrintTo(const PixelCase& c, std::ostream* os) {
+    *os << c.source.width << "x" << c.source.height << " to " << c.dstw << "x" << c.dsth;
+}
 
 class ConvertPixelTest : public ::testing::TestWithParam<PixelCase> {};
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,8 @@ struct Case {
     bool thumbnail;  // still found
     bool adjusted;   // sizes still rewritten
 };
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 class ExifBlockTest : public ::testing::TestWithParam<Case> {};
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <climits>
+#include <ostream>
 #include <string>
 
 #include "converter.h"
@@ -21,6 +22,10 @@ struct JobCase {
     const char* written;  // the file expected, or "" for none
     int result, width;
 };
+
+void PrintTo(const JobCase& c, std::ostream* os) {
+    *os << "size " << c.size << ", quality " << c.quality << ", to " << c.dst;
+}
 
 class JobTest : public ::testing::TestWithParam<JobCase> {};
 
