@@ -66,11 +66,11 @@ for photo in "${photos[@]}"; do
     small=$(xml_escape "$out/${stem}_small.jpg")
     thumb=$(xml_escape "$out/${stem}_thumb.jpg")
 
-    echo "== upload.downsampleRequest: $photo -> $out/${stem}_small.jpg (longer side 1024)"
+    echo "== upload.downsampleRequest: $photo -> $out/${stem}_small.jpg (longer side 480)"
     ask "<?xml version=\"1.0\"?>
 <methodCall><methodName>upload.downsampleRequest</methodName>
 <params><param><value><struct>$(member imageId i4 "$id")$(member sourcePath string "$src")$(
-        member destPath string "$small")$(member resolution i4 1024)$(member quality i4 85)$(
+        member destPath string "$small")$(member resolution i4 480)$(member quality i4 85)$(
         member hashMethod string CRC32)</struct></value></param></params></methodCall>"
 
     echo "== upload.thumbnailRequest: $photo -> $out/${stem}_thumb.jpg"
