@@ -469,34 +469,12 @@ void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) {
     const int* first = m_firstPixel.data();
     const uint32_t* w = m_weights.data();
     uint32_t* sums = m_sums.data();
-    switch (m_taps) {
-        case 1:
-            FilterLine<1>(src, sums, n, m_taps, first, w);
-            break;
-        case 2:
-            FilterLine<2>(src, sums, n, m_taps, first, w);
-            break;
-        case 3:
-            FilterLine<3>(src, sums, n, m_taps, first, w);
-            break;
-        case 4:
-            FilterLine<4>(src, sums, n, m_taps, first, w);
-            break;
-        case 5:
-            FilterLine<5>(src, sums, n, m_taps, first, w);
-            break;
-        case 6:
-            FilterLine<6>(src, sums, n, m_taps, first, w);
-            break;
-        case 7:
-            FilterLine<7>(src, sums, n, m_taps, first, w);
-            break;
-        case 8:
-            FilterLine<8>(src, sums, n, m_taps, first, w);
-            break;
-        default:
-            FilterLine<0>(src, sums, n, m_taps, first, w);
-    }
+    // Windows of up to 8 pixels run a loop of fixed length; wider ones the general loop.
+    using Filter = void (*)(const CPixel*, uint32_t*, int, int, const int*, const uint32_t*);
+    static const Filter kFilters[] = {FilterLine<0>, FilterLine<1>, FilterLine<2>,
+                                      FilterLine<3>, FilterLine<4>, FilterLine<5>,
+                                      FilterLine<6>, FilterLine<7>, FilterLine<8>};
+    kFilters[m_taps >= 1 && m_taps <= 8 ? m_taps : 0](src, sums, n, m_taps, first, w);
     if (!m_rowMul.empty()) {
         RowQuotients(Samples(dst), sums, m_rowMul.data(), m_rowLimit.data(), m_rowShift, 3 * n);
         return;

@@ -87,6 +87,22 @@ std::string TextOf(const TiXmlElement* element) {
     return text != nullptr ? text : "";
 }
 
+// Deletes the file named by the `string` child of `first` and of every following sibling
+// element, logging `label` and the path for each; elements without one are skipped.
+// Returns how many files could not be deleted.
+int ErasePaths(TiXmlElement* first, const char* label) {
+    int failures = 0;
+    for (TiXmlElement* element = first; element != nullptr;
+         element = element->NextSiblingElement()) {
+        TiXmlElement* path = element->FirstChildElement("string");
+        if (path == nullptr) continue;
+        log.Put(label, 12);
+        log.Put(TextOf(path), 12);
+        if (!EraseFile(TextOf(path))) ++failures;
+    }
+    return failures;
+}
+
 // One image request of the downsample and thumbnail methods, with the client's defaults.
 struct ImageRequest {
     int imageId = 0;
@@ -308,17 +324,9 @@ int XMLRPC::Connect(TiXmlElement* param) {
     log.Put("upload.connect", 12);
     TiXmlElement* members =
         TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
-    if (members != nullptr) {
-        // The client names files to delete as a `string` directly under each member.
-        for (TiXmlElement* member = members->FirstChildElement("member"); member != nullptr;
-             member = member->NextSiblingElement()) {
-            TiXmlElement* path = member->FirstChildElement("string");
-            if (path == nullptr) continue;
-            log.Put("Connect:", 12);
-            log.Put(TextOf(path), 12);
-            EraseFile(TextOf(path));
-        }
-    }
+    // The client names files to delete as a `string` directly under each member; whether
+    // they could be deleted does not change the answer.
+    if (members != nullptr) ErasePaths(members->FirstChildElement("member"), "Connect:");
     TiXmlElement* answer = AddStruct(AddValue(AddParam(CreateResponseHeader())));
     AddIntValue(AddMember(answer), 1, "minVersion");
     AddIntValue(AddMember(answer), 4, "currentVersion");
@@ -343,22 +351,13 @@ int XMLRPC::GetInstallInfo() {
 }
 
 int XMLRPC::Erase(TiXmlElement* param) {
-    int failures = 0;
     TiXmlElement* data = TiXmlHandle(param)
                              .FirstChildElement("value")
                              .FirstChildElement("array")
                              .FirstChildElement("data")
                              .Element();
-    if (data != nullptr) {
-        for (TiXmlElement* value = data->FirstChildElement("value"); value != nullptr;
-             value = value->NextSiblingElement()) {
-            TiXmlElement* path = value->FirstChildElement("string");
-            if (path == nullptr) continue;
-            log.Put("Delete:", 12);
-            log.Put(TextOf(path), 12);
-            if (!EraseFile(TextOf(path))) ++failures;
-        }
-    }
+    const int failures =
+        data != nullptr ? ErasePaths(data->FirstChildElement("value"), "Delete:") : 0;
     if (failures > 0) {
         // The client expects exactly this bare fault: one string, no code or reason members.
         AddStringValue(CreateResponseFaultHeader(), "cause");
