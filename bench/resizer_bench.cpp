@@ -46,7 +46,14 @@ void ResizeImage(benchmark::State& state, int type) {
         unsigned checksum = 0;
         Varnelo::PumpLines(
             *resizer, sw, sh, dh, srcRow.data(), black.data(),
-            [&](CPixel* row) { source.Fill(row); }, [&](CPixel* row) { checksum += row[0].g; },
+            [&](CPixel* row) {
+                source.Fill(row);
+                return true;
+            },
+            [&](const CPixel* row) {
+                checksum += row[0].g;
+                return true;
+            },
             [] {});
         benchmark::DoNotOptimize(checksum);
     }

@@ -1,20 +1,32 @@
 #include "converter.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <csetjmp>
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
+// jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
+
+#include "crc32.h"
 #include "exif.h"
 #include "fsutils.h"
 #include "log.h"
+#include "md5.h"
 #include "pixel.h"
 
 namespace Varnelo {
 
 namespace {
 
-// Failure texts logged at level 10 by the catching side.
+// Failure texts logged at level 10 when a conversion gives up.
 const char kLibraryFault[] = "IJG decompression error";
 const char kHeaderFault[] = "Error in jpeg_read_header";
 
@@ -22,320 +34,319 @@ const int kMinSize = 32;
 const int kMaxSize = 65536;
 const int kMinDimension = 8;
 const int kHashedTailBytes = 2048;
-// A small file may declare a huge progressive image whose coefficients the library would
-// buffer whole; past this the library faults instead of exhausting the machine.
-const long kMaxLibraryMemory = 1L << 30;
+
+// The library buffers a whole image's coefficients for progressive and multi-scan files, and a
+// file of a few kilobytes can declare an image of gigapixels. A real photo's coefficients stay
+// within a multiple of its compressed size, so the library may use a base that any ordinary
+// photo fits in plus that multiple of the source file's size; past it the library faults at
+// once instead of exhausting the machine. The encoder never buffers a whole image.
+const long kMemoryBase = 256L << 20;
+const long kMemoryPerSourceByte = 64;
 
 // The result that tells ConvertFileThumbnail to fall back to a full conversion.
 const int kThumbnailNotWritten = -1;
 
 void Trace(const std::string& text) { log.Put(text, 14); }
 
-void ArmErrorManager(JpegErrorManager& manager, std::jmp_buf* jump) {
-    jpeg_std_error(&manager.pub);
-    manager.pub.error_exit = custom_error_exit;
-    manager.jump = jump;
-}
-
-void CloseFile(FILE*& file) {
-    if (file != nullptr) std::fclose(file);
-    file = nullptr;
-}
-
-// Everything one full conversion owns. The destructor releases whatever the conversion has
-// not released itself, so every path, a jump out of the library included, leaves nothing
-// behind. Kept outside the frame that calls setjmp: its members change between the setjmp
-// and a jump and must not be held in registers there.
-struct FullConversion {
-    JpegErrorManager srcErr;
-    JpegErrorManager dstErr;
-    jpeg_decompress_struct src{};
-    jpeg_compress_struct dst{};
-    bool srcCreated = false;
-    bool dstCreated = false;
-    FILE* in = nullptr;
-    FILE* out = nullptr;
-    bool headerRead = false;
-    std::unique_ptr<CResizer> resizer;
-    std::vector<CPixel> srcRow;
-    std::vector<CPixel> blackRow;
-    std::jmp_buf jump;
-
-    FullConversion() = default;
-    FullConversion(const FullConversion&) = delete;
-    FullConversion& operator=(const FullConversion&) = delete;
-    ~FullConversion() {
-        ReleaseLines();
-        DestroyCompress();
-        DestroyDecompress();
-        CloseFile(out);
-        CloseFile(in);
-    }
-
-    void DestroyCompress() {
-        if (dstCreated) jpeg_destroy_compress(&dst);
-        dstCreated = false;
-    }
-    void DestroyDecompress() {
-        if (srcCreated) jpeg_destroy_decompress(&src);
-        srcCreated = false;
-    }
-    void ReleaseLines() {
-        resizer.reset();
-        std::vector<CPixel>().swap(srcRow);
-        std::vector<CPixel>().swap(blackRow);
-    }
-
-    // Clean-up after a fault: `text` is what was caught.
-    int Fail(const char* text) {
-        log.Put(text, 10);
-        ReleaseLines();
-        if (headerRead) {
-            Trace("Close output file");
-            DestroyCompress();
-            CloseFile(out);
-        }
-        Trace("Close input file");
-        DestroyDecompress();
-        CloseFile(in);
-        return CR_RESAMPLING_ERROR;
-    }
+// The library's standard error manager, with the jump point of the guarded call that is
+// running on its object (null between calls).
+struct JpegErrorManager {
+    jpeg_error_mgr pub;  // what the library object's `err` points at
+    std::jmp_buf* jump = nullptr;
 };
 
-void CreateResizerFor(FullConversion& c, TypeOfResizer type, int srcw, int srch, int dstw,
-                      int dsth) {
-    switch (type) {
-        case RESIZER_DIRTY:
-            Trace("Create CResizerDirty");
-            c.resizer.reset(new CResizerDirty(srcw, srch, dstw, dsth));
-            break;
-        case RESIZER_TIDY:
-            Trace("Create CResizerTidy");
-            c.resizer.reset(new CResizerTidy(srcw, srch, dstw, dsth));
-            break;
-        case RESIZER_REDUCES:
-            Trace("Create CResizerReduces");
-            c.resizer.reset(new CResizerReduces(srcw, srch, dstw, dsth));
-            break;
-    }
-    Trace("Create resizer ok");
+void InitErrorManager(JpegErrorManager& err) {
+    jpeg_std_error(&err.pub);
+    err.pub.error_exit = custom_error_exit;
 }
 
-// Decodes, resizes and encodes: every step of a full conversion up to the hash. Returns
-// CR_OK when the destination is complete, otherwise the conversion's result.
-// A library fault jumps back to the setjmp below, so this frame holds only trivially
-// destructible locals and every resource lives in `c`.
-int DecodeResizeEncode(FullConversion& c, const std::string& src, const std::string& dst, int size,
-                       int quality, int& srcWidth, int& srcHeight, TypeOfResizer resizerType,
-                       JCOPY_OPTION copyOption) {
-    // Encoder faults (a full disk among them) come back here too: they fail this image only.
-    ArmErrorManager(c.dstErr, &c.jump);
-    ArmErrorManager(c.srcErr, &c.jump);
-    c.dst.err = &c.dstErr.pub;
-    c.src.err = &c.srcErr.pub;
-    if (setjmp(c.jump) != 0) return c.Fail(kLibraryFault);
+// Runs `call`, one call into the JPEG library, with a jump point for its faults: true when it
+// returned, false when the library faulted and custom_error_exit jumped back here.
+// This is the only place where the library leaves a frame other than by returning, so the rule
+// that makes that safe lives here: between this jump point and the fault there are only the
+// library's own frames and `call`, a lambda that captures by reference and owns nothing, so no
+// destructor is ever skipped. Every caller is ordinary C++.
+template <typename Call>
+[[gnu::noinline]] bool Guarded(JpegErrorManager& err, const Call& call) {
+    std::jmp_buf jump;
+    err.jump = &jump;
+    const bool returned = setjmp(jump) == 0;
+    if (returned) call();
+    err.jump = nullptr;
+    return returned;
+}
 
-    jpeg_create_compress(&c.dst);
-    c.dstCreated = true;
-    c.dst.mem->max_memory_to_use = kMaxLibraryMemory;
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
 
-    c.in = std::fopen(src.c_str(), "rb");
-    if (c.in == nullptr) {
-        log.Put("Open input file error: " + src, 5);
-        return CR_FILE_NOT_FOUND;
+long MemoryCap(FILE* file) {
+    struct stat info;
+    const long size = fstat(fileno(file), &info) == 0 && info.st_size > 0 ? info.st_size : 0;
+    if (size > (LONG_MAX - kMemoryBase) / kMemoryPerSourceByte) return LONG_MAX;
+    return kMemoryBase + size * kMemoryPerSourceByte;
+}
+
+// The decoding side of a conversion: the source file, the decompressor and its error manager.
+// Every member that calls into the library returns false when the library faulted; the object
+// is then only good for Close. The destructor releases whatever is still held.
+class JpegReader {
+  public:
+    JpegReader() {
+        InitErrorManager(m_err);
+        m_info.err = &m_err.pub;
     }
-    Trace("Open input file ok");
-    jpeg_create_decompress(&c.src);
-    c.srcCreated = true;
-    c.src.mem->max_memory_to_use = kMaxLibraryMemory;
-    jpeg_stdio_src(&c.src, c.in);
-    jcopy_markers_setup(&c.src, copyOption);
+    ~JpegReader() { Close(); }
+    JpegReader(const JpegReader&) = delete;
+    JpegReader& operator=(const JpegReader&) = delete;
 
-    Trace("jpeg_read_header");
-    if (jpeg_read_header(&c.src, TRUE) != JPEG_HEADER_OK) return c.Fail(kHeaderFault);
-    c.headerRead = true;
-
-    // Full-size decoding with the library's default DCT method and upsampling.
-    c.src.out_color_space = JCS_RGB;
-    c.src.output_components = 3;
-    Trace("jpeg_start_decompress");
-    if (!jpeg_start_decompress(&c.src)) {
-        Trace("Close input file");
-        c.DestroyDecompress();
-        CloseFile(c.in);
-        return CR_RESAMPLING_ERROR;
+    // False when the file cannot be opened for reading.
+    bool Open(const std::string& path) {
+        m_file.reset(std::fopen(path.c_str(), "rb"));
+        return m_file != nullptr;
+    }
+    // Creates the decompressor on the open file, keeping in memory the segments `copy` names.
+    bool Create(JCOPY_OPTION copy) {
+        m_created = true;  // destroying a half-created object is harmless
+        return Guarded(m_err, [&] {
+            jpeg_create_decompress(&m_info);
+            m_info.mem->max_memory_to_use = MemoryCap(m_file.get());
+            jpeg_stdio_src(&m_info, m_file.get());
+            jcopy_markers_setup(&m_info, copy);
+        });
+    }
+    bool ReadHeader(int& result) {
+        return Guarded(m_err, [&] { result = jpeg_read_header(&m_info, TRUE); });
+    }
+    // Asks for RGB lines, at full size and with the library's default DCT method.
+    void DecodeToRgb() {
+        m_info.out_color_space = JCS_RGB;
+        m_info.output_components = 3;
+    }
+    bool Start(bool& started) {
+        return Guarded(m_err, [&] { started = jpeg_start_decompress(&m_info) != FALSE; });
+    }
+    bool ReadLine(CPixel* row) {
+        JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
+        return Guarded(m_err, [&] { jpeg_read_scanlines(&m_info, rows, 1); });
+    }
+    bool Finish() {
+        return Guarded(m_err, [&] { jpeg_finish_decompress(&m_info); });
+    }
+    void Close() {
+        if (m_created) jpeg_destroy_decompress(&m_info);
+        m_created = false;
+        m_file.reset();
     }
 
-    const int srcw = static_cast<int>(c.src.output_width);
-    const int srch = static_cast<int>(c.src.output_height);
-    srcWidth = srcw;
-    srcHeight = srch;
+    jpeg_decompress_struct& Info() { return m_info; }
+    long Warnings() const { return m_err.pub.num_warnings; }
 
-    // The longer side becomes `size`; the products are taken in 64 bits so that sources
-    // larger than 32768 pixels keep their proportions.
-    int dstw = srcw;
-    int dsth = srch;
-    if (srcw < srch && srch > size) {
-        dsth = size;
-        dstw = static_cast<int>(static_cast<int64_t>(srcw) * size / srch);
-    } else if (srcw > size) {
-        dstw = size;
-        dsth = static_cast<int>(static_cast<int64_t>(srch) * size / srcw);
+  private:
+    JpegErrorManager m_err;
+    jpeg_decompress_struct m_info{};
+    bool m_created = false;
+    File m_file;
+};
+
+// The encoding side of a conversion: the destination file, the compressor and its error
+// manager, with the same conventions as JpegReader. Encoder faults (a full disk among them)
+// fail the one image like decoder faults.
+class JpegWriter {
+  public:
+    JpegWriter() {
+        InitErrorManager(m_err);
+        m_info.err = &m_err.pub;
     }
-    if (dstw < kMinDimension) dstw = kMinDimension;
-    if (dsth < kMinDimension) dsth = kMinDimension;
-    Trace("  dstw=" + ToString(dstw));
-    Trace("  dsth=" + ToString(dsth));
-    Trace("  srcw=" + ToString(srcw));
-    Trace("  srch=" + ToString(srch));
+    ~JpegWriter() { Close(); }
+    JpegWriter(const JpegWriter&) = delete;
+    JpegWriter& operator=(const JpegWriter&) = delete;
 
-    // Only the widths are compared: a source as wide as the result is left alone even when
-    // its height would shrink.
-    if (dstw == srcw) {
-        Trace("Close input file");
-        c.DestroyDecompress();
-        CloseFile(c.in);
-        return CR_LESS_THAN_REQUESTED;
+    // False when the file cannot be created.
+    bool Open(const std::string& path) {
+        m_file.reset(std::fopen(path.c_str(), "wb"));
+        return m_file != nullptr;
+    }
+    // Creates the compressor on the open file.
+    bool Create() {
+        m_created = true;
+        return Guarded(m_err, [&] {
+            jpeg_create_compress(&m_info);
+            m_info.mem->max_memory_to_use = kMemoryBase;
+            jpeg_stdio_dest(&m_info, m_file.get());
+        });
+    }
+    bool CopyCriticalParameters(JpegReader& source) {
+        return Guarded(m_err, [&] { jpeg_copy_critical_parameters(&source.Info(), &m_info); });
+    }
+    // Starts a baseline image of RGB lines at `quality`. The colour space is the one
+    // jpeg_set_defaults derives from the source's (greyscale stays greyscale, colour becomes
+    // YCbCr); the source's quantisation tables are replaced. No JFIF header of the encoder's
+    // own: the source's, if any, is copied with the other segments.
+    bool Start(int width, int height, int quality) {
+        return Guarded(m_err, [&] {
+            m_info.image_width = static_cast<JDIMENSION>(width);
+            m_info.image_height = static_cast<JDIMENSION>(height);
+            jpeg_set_defaults(&m_info);
+            jpeg_set_quality(&m_info, quality, TRUE);
+            m_info.write_JFIF_header = FALSE;
+            m_info.input_components = 3;
+            m_info.in_color_space = JCS_RGB;
+            jpeg_start_compress(&m_info, TRUE);
+        });
+    }
+    bool WriteMarkers(JpegReader& source, JCOPY_OPTION copy) {
+        return Guarded(m_err, [&] { jcopy_markers_execute(&source.Info(), &m_info, copy); });
+    }
+    bool WriteLine(const CPixel* row) {
+        // The library only reads the row.
+        JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(const_cast<CPixel*>(row))};
+        return Guarded(m_err, [&] { jpeg_write_scanlines(&m_info, rows, 1); });
+    }
+    bool Finish() {
+        return Guarded(m_err, [&] { jpeg_finish_compress(&m_info); });
+    }
+    void Close() {
+        if (m_created) jpeg_destroy_compress(&m_info);
+        m_created = false;
+        m_file.reset();
     }
 
-    c.out = std::fopen(dst.c_str(), "wb");
-    if (c.out == nullptr) {
-        log.Put("Open output file error: " + dst, 5);
-        c.DestroyDecompress();
-        CloseFile(c.in);
-        return CR_CREATE_DEST_ERROR;
-    }
-    Trace("Open output file ok");
-    jpeg_stdio_dest(&c.dst, c.out);
-    Trace("jpeg_copy_critical_parameters");
-    jpeg_copy_critical_parameters(&c.src, &c.dst);
+    long Warnings() const { return m_err.pub.num_warnings; }
 
-    CreateResizerFor(c, resizerType, srcw, srch, dstw, dsth);
+  private:
+    JpegErrorManager m_err;
+    jpeg_compress_struct m_info{};
+    bool m_created = false;
+    File m_file;
+};
 
-    // The colour space is the one jpeg_set_defaults derives from the source's, copied above:
-    // greyscale stays greyscale, colour becomes YCbCr. The source's JFIF APP0, if any, is
-    // copied with the other segments, so the encoder writes none of its own.
-    c.dst.image_width = static_cast<JDIMENSION>(dstw);
-    c.dst.image_height = static_cast<JDIMENSION>(dsth);
-    jpeg_set_defaults(&c.dst);
-    jpeg_set_quality(&c.dst, quality, TRUE);
-    c.dst.write_JFIF_header = FALSE;
-    c.dst.input_components = 3;
-    c.dst.in_color_space = JCS_RGB;
-
-    Trace("jpeg_start_compress");
-    jpeg_start_compress(&c.dst, TRUE);
-    Trace("jcopy_markers_execute");
-    jcopy_markers_execute(&c.src, &c.dst, copyOption);
-
-    Trace("Resizing...");
-    c.srcRow.resize(static_cast<size_t>(srcw) + 2);
-    c.blackRow.resize(static_cast<size_t>(dstw));
-    PumpLines(
-        *c.resizer, srcw, srch, dsth, c.srcRow.data(), c.blackRow.data(),
-        [&c](CPixel* row) {
-            JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
-            jpeg_read_scanlines(&c.src, rows, 1);
-        },
-        [&c](CPixel* row) {
-            JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
-            jpeg_write_scanlines(&c.dst, rows, 1);
-        },
-        [] { Trace("Resizer not another output line"); });
-
-    Trace("Delete resizer");
-    c.ReleaseLines();
-
-    Trace("Close output file");
-    jpeg_finish_compress(&c.dst);
-    c.DestroyCompress();
-    CloseFile(c.out);
+// A fault while only the source is open.
+int SourceFault(JpegReader& reader, const char* text) {
+    log.Put(text, 10);
     Trace("Close input file");
-    jpeg_finish_decompress(&c.src);
-    c.DestroyDecompress();
-    CloseFile(c.in);
-    return CR_OK;
+    reader.Close();
+    return CR_RESAMPLING_ERROR;
 }
 
-// What one thumbnail search owns; released by the destructor on every path.
-struct ThumbnailSearch {
-    JpegErrorManager err;
-    jpeg_decompress_struct src{};
-    bool srcCreated = false;
-    FILE* in = nullptr;
-    FILE* out = nullptr;
-    bool headerRead = false;
-    std::jmp_buf jump;
+// A fault once the header has been read, in the decoder or the encoder. A destination file
+// already written stays on disk, closed.
+int ConversionFault(JpegReader& reader, JpegWriter& writer) {
+    log.Put(kLibraryFault, 10);
+    Trace("Close output file");
+    writer.Close();
+    Trace("Close input file");
+    reader.Close();
+    return CR_RESAMPLING_ERROR;
+}
 
-    ThumbnailSearch() = default;
-    ThumbnailSearch(const ThumbnailSearch&) = delete;
-    ThumbnailSearch& operator=(const ThumbnailSearch&) = delete;
-    ~ThumbnailSearch() {
-        DestroyDecompress();
-        CloseFile(out);
-        CloseFile(in);
-    }
+// A source already within the requested size, or one the decoder would not start on.
+int CloseSource(JpegReader& reader, int result) {
+    Trace("Close input file");
+    reader.Close();
+    return result;
+}
 
-    void DestroyDecompress() {
-        if (srcCreated) jpeg_destroy_decompress(&src);
-        srcCreated = false;
-    }
-
-    // Clean-up after a fault. A header fault is not logged here (the hook has logged its own
-    // line); a later one is.
-    int Fail() {
-        if (headerRead) log.Put(kLibraryFault, 10);
-        Trace("Close input file");
-        DestroyDecompress();
-        CloseFile(out);
-        CloseFile(in);
-        return CR_RESAMPLING_ERROR;
-    }
+struct Size {
+    int width;
+    int height;
 };
 
-// Finds and writes the embedded thumbnail. Returns CR_OK when it was written,
-// kThumbnailNotWritten when the caller should convert the image instead, or a result.
-// Like DecodeResizeEncode, this frame holds only trivially destructible locals.
-int WriteEmbeddedThumbnail(ThumbnailSearch& t, const std::string& src, const std::string& dst) {
-    ArmErrorManager(t.err, &t.jump);
-    t.src.err = &t.err.pub;
-    if (setjmp(t.jump) != 0) return t.Fail();
+// The longer side becomes `size`, the other in proportion (truncated), neither below 8. The
+// products are taken in 64 bits so that sources wider than 32768 pixels keep their proportions.
+Size FitInto(int srcw, int srch, int size) {
+    Size dst = {srcw, srch};
+    if (srcw < srch && srch > size) {
+        dst.height = size;
+        dst.width = static_cast<int>(static_cast<int64_t>(srcw) * size / srch);
+    } else if (srcw > size) {
+        dst.width = size;
+        dst.height = static_cast<int>(static_cast<int64_t>(srch) * size / srcw);
+    }
+    dst.width = std::max(dst.width, kMinDimension);
+    dst.height = std::max(dst.height, kMinDimension);
+    return dst;
+}
 
-    t.in = std::fopen(src.c_str(), "rb");
-    if (t.in == nullptr) {
+// The hashes a conversion can report: what computes each and the prefix that names it.
+struct HashKind {
+    HashType type;
+    const char* prefix;
+    std::unique_ptr<Hash> (*make)();
+};
+
+template <typename Algorithm>
+std::unique_ptr<Hash> MakeHash() {
+    return std::make_unique<Algorithm>();
+}
+
+const HashKind kHashes[] = {
+    {HASH_CRC32, "S1|", MakeHash<CRC32>},
+    {HASH_MD5, "S2|", MakeHash<MD5>},
+};
+
+// The hash text of the source's last 2048 bytes: the prefix of its kind and the hexadecimal
+// digits, the prefix alone when the file cannot be read, "" for a type with no hash.
+std::string SourceHash(const std::string& src, HashType hashType) {
+    Trace("Calculate hash");
+    for (const HashKind& kind : kHashes) {
+        if (kind.type != hashType) continue;
+        std::unique_ptr<Hash> hash = kind.make();
+        const bool hashed = hash->File(src.c_str(), Hash::FROM_END, kHashedTailBytes);
+        return kind.prefix + (hashed ? hash->GetResultString() : std::string());
+    }
+    return std::string();
+}
+
+// The end of a conversion that wrote its destination whole.
+int Finished(long warnings) {
+    if (warnings == 0) {
+        Trace("ConvertFile ok");
+        return CR_OK;
+    }
+    Trace("ConvertFile warnings");
+    return CR_JPEG_WARNINGS;
+}
+
+// Finds the thumbnail embedded in the source's EXIF block and writes it to `dst` as it is.
+// Returns CR_OK when it was written (with the decoder's warning count in `warnings`),
+// kThumbnailNotWritten when the caller should convert the image instead, or a failure.
+int WriteEmbeddedThumbnail(const std::string& src, const std::string& dst, long& warnings) {
+    JpegReader reader;
+    if (!reader.Open(src)) {
         log.Put("Open input file error: " + src, 5);
         return CR_FILE_NOT_FOUND;
     }
     Trace("Open file ok");
-    jpeg_create_decompress(&t.src);
-    t.srcCreated = true;
-    t.src.mem->max_memory_to_use = kMaxLibraryMemory;
-    jpeg_stdio_src(&t.src, t.in);
-    jcopy_markers_setup(&t.src, JCOPYOPT_ALL);
-
+    // A fault before the header has been read is left to the hook's own log line.
+    int header = 0;
+    if (!reader.Create(JCOPYOPT_ALL)) return CloseSource(reader, CR_RESAMPLING_ERROR);
     Trace("jpeg_read_header");
-    if (jpeg_read_header(&t.src, TRUE) != JPEG_HEADER_OK) return t.Fail();
-    t.headerRead = true;
+    if (!reader.ReadHeader(header) || header != JPEG_HEADER_OK) {
+        return CloseSource(reader, CR_RESAMPLING_ERROR);
+    }
 
     Trace("jpeg_start_decompress");
-    jpeg_start_decompress(&t.src);
+    bool started = false;
+    if (!reader.Start(started)) return SourceFault(reader, kLibraryFault);
 
     Trace("jthumbnail");
     char* thumbnail = nullptr;
     unsigned int length = 0;
     bool written = false;
-    if (jthumbnail(&t.src, &thumbnail, &length) != 0) {
+    if (jthumbnail(&reader.Info(), &thumbnail, &length) != 0) {
         Trace("Thumbnail available");
         Trace("thumbnail_length=" + std::to_string(length));
-        t.out = std::fopen(dst.c_str(), "wb");
-        if (t.out == nullptr) {
+        File out(std::fopen(dst.c_str(), "wb"));
+        if (!out) {
             log.Put("Open output file error: " + dst, 5);
         } else {
             // The result of the write is not checked: the thumbnail counts as written.
             Trace("Write output file");
-            std::fwrite(thumbnail, 1, length, t.out);
+            std::fwrite(thumbnail, 1, length, out.get());
             Trace("Close output file");
-            CloseFile(t.out);
+            out.reset();
             written = true;
         }
     } else {
@@ -343,27 +354,19 @@ int WriteEmbeddedThumbnail(ThumbnailSearch& t, const std::string& src, const std
     }
 
     // The image data is never read, so the decompression is not finished.
-    Trace("Close input file");
-    t.DestroyDecompress();
-    CloseFile(t.in);
-    return written ? CR_OK : kThumbnailNotWritten;
-}
-
-bool IsResizerType(TypeOfResizer type) {
-    return type == RESIZER_DIRTY || type == RESIZER_TIDY || type == RESIZER_REDUCES;
+    warnings = reader.Warnings();
+    return CloseSource(reader, written ? CR_OK : kThumbnailNotWritten);
 }
 
 }  // namespace
 
 void custom_error_exit(jpeg_common_struct* cinfo) {
-    {
-        // Whether the manager's message hook is set; jpeg_std_error always sets it. The
-        // library's own text is deliberately not fetched here.
-        const bool hasOutputMessage = cinfo->err->output_message != nullptr;
-        log.Put("custom_error_exit (" + ToString(hasOutputMessage ? 1 : 0) + ")", 10);
-    }
+    // Whether the manager's message hook is set; jpeg_std_error always sets it. The library's
+    // own text is deliberately not fetched: the log shows this line for every fault.
+    const bool hasOutputMessage = cinfo->err->output_message != nullptr;
+    log.Put("custom_error_exit (" + ToString(hasOutputMessage ? 1 : 0) + ")", 10);
     std::jmp_buf* jump = reinterpret_cast<JpegErrorManager*>(cinfo->err)->jump;
-    if (jump == nullptr) std::abort();
+    if (jump == nullptr) std::abort();  // a library call made outside Guarded
     std::longjmp(*jump, 1);
 }
 
@@ -371,64 +374,107 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
                 int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
                 TypeOfResizer resizerType, bool omitEXIF) {
     if (src.empty() || dst.empty() || src == dst) return CR_RESAMPLING_ERROR;
-    if (!IsResizerType(resizerType)) return CR_RESAMPLING_ERROR;
-    if (size > kMaxSize) size = kMaxSize;
-    if (size < kMinSize) size = kMinSize;
-    if (quality < 0) quality = 0;
-    if (quality > 100) quality = 100;
+    // An unknown resizer is refused before any file is opened.
+    const char* resizerName = ResizerName(resizerType);
+    if (resizerName == nullptr) return CR_RESAMPLING_ERROR;
+    size = std::min(std::max(size, kMinSize), kMaxSize);
+    quality = std::min(std::max(quality, 0), 100);
+    const JCOPY_OPTION copy = omitEXIF ? JCOPYOPT_NONE : JCOPYOPT_ALL;
 
-    FullConversion c;
-    const int result = DecodeResizeEncode(c, src, dst, size, quality, srcWidth, srcHeight,
-                                          resizerType, omitEXIF ? JCOPYOPT_NONE : JCOPYOPT_ALL);
-    if (result != CR_OK) return result;
+    JpegReader reader;
+    if (!reader.Open(src)) {
+        log.Put("Open input file error: " + src, 5);
+        return CR_FILE_NOT_FOUND;
+    }
+    Trace("Open input file ok");
+    if (!reader.Create(copy)) return SourceFault(reader, kLibraryFault);
+    Trace("jpeg_read_header");
+    int header = 0;
+    if (!reader.ReadHeader(header)) return SourceFault(reader, kLibraryFault);
+    if (header != JPEG_HEADER_OK) return SourceFault(reader, kHeaderFault);
 
-    Trace("Calculate hash");
-    std::unique_ptr<Hash> hasher = CreateHash(hashType);
-    hash.clear();
-    if (hasher && hasher->File(src.c_str(), Hash::FROM_END, kHashedTailBytes)) {
-        hash = hasher->GetResultString();
-    }
-    hasher.reset();
-    // A failed hash leaves the bare prefix.
-    if (hashType == HASH_CRC32) {
-        hash = "S1|" + hash;
-    } else if (hashType == HASH_MD5) {
-        hash = "S2|" + hash;
-    }
+    JpegWriter writer;
+    reader.DecodeToRgb();
+    Trace("jpeg_start_decompress");
+    bool started = false;
+    if (!reader.Start(started)) return ConversionFault(reader, writer);
+    if (!started) return CloseSource(reader, CR_RESAMPLING_ERROR);
 
-    if (c.srcErr.pub.num_warnings == 0 && c.dstErr.pub.num_warnings == 0) {
-        Trace("ConvertFile ok");
-        return CR_OK;
+    const int srcw = static_cast<int>(reader.Info().output_width);
+    const int srch = static_cast<int>(reader.Info().output_height);
+    srcWidth = srcw;
+    srcHeight = srch;
+    const Size out = FitInto(srcw, srch, size);
+    Trace("  dstw=" + ToString(out.width));
+    Trace("  dsth=" + ToString(out.height));
+    Trace("  srcw=" + ToString(srcw));
+    Trace("  srch=" + ToString(srch));
+    // Only the widths are compared: a source as wide as the result is left alone even when
+    // its height would shrink.
+    if (out.width == srcw) return CloseSource(reader, CR_LESS_THAN_REQUESTED);
+
+    if (!writer.Open(dst)) {
+        log.Put("Open output file error: " + dst, 5);
+        reader.Close();
+        return CR_CREATE_DEST_ERROR;
     }
-    Trace("ConvertFile warnings");
-    return CR_JPEG_WARNINGS;
+    Trace("Open output file ok");
+    if (!writer.Create()) return ConversionFault(reader, writer);
+    Trace("jpeg_copy_critical_parameters");
+    if (!writer.CopyCriticalParameters(reader)) return ConversionFault(reader, writer);
+
+    Trace(std::string("Create ") + resizerName);
+    std::unique_ptr<CResizer> resizer =
+        CreateResizer(resizerType, srcw, srch, out.width, out.height);
+    Trace("Create resizer ok");
+
+    Trace("jpeg_start_compress");
+    if (!writer.Start(out.width, out.height, quality)) return ConversionFault(reader, writer);
+    Trace("jcopy_markers_execute");
+    if (!writer.WriteMarkers(reader, copy)) return ConversionFault(reader, writer);
+
+    Trace("Resizing...");
+    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
+    std::vector<CPixel> blackRow(static_cast<size_t>(out.width));
+    const bool pumped = PumpLines(
+        *resizer, srcw, srch, out.height, srcRow.data(), blackRow.data(),
+        [&reader](CPixel* row) { return reader.ReadLine(row); },
+        [&writer](const CPixel* row) { return writer.WriteLine(row); },
+        [] { Trace("Resizer not another output line"); });
+    if (!pumped) return ConversionFault(reader, writer);
+    Trace("Delete resizer");
+    resizer.reset();
+    std::vector<CPixel>().swap(srcRow);
+    std::vector<CPixel>().swap(blackRow);
+
+    Trace("Close output file");
+    if (!writer.Finish()) return ConversionFault(reader, writer);
+    writer.Close();
+    Trace("Close input file");
+    if (!reader.Finish()) return ConversionFault(reader, writer);
+    reader.Close();
+
+    hash = SourceHash(src, hashType);
+    return Finished(reader.Warnings() + writer.Warnings());
 }
 
 int ConvertFileThumbnail(const std::string& src, const std::string& dst, int size, int quality,
                          int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
                          TypeOfResizer resizerType) {
     if (src.empty() || dst.empty() || src == dst) return CR_RESAMPLING_ERROR;
-    if (!IsResizerType(resizerType)) return CR_RESAMPLING_ERROR;
+    if (ResizerName(resizerType) == nullptr) return CR_RESAMPLING_ERROR;
 
     long warnings = 0;
-    int result = 0;
-    {
-        ThumbnailSearch t;
-        result = WriteEmbeddedThumbnail(t, src, dst);
-        warnings = t.err.pub.num_warnings;
-    }
+    const int result = WriteEmbeddedThumbnail(src, dst, warnings);
     if (result == kThumbnailNotWritten) {
+        // Misspelt, and kept so: it is the text this step has always logged, and log readers
+        // match it.
         Trace("Call ConvertFile (not thumbnali)");
         return ConvertFile(src, dst, size, quality, srcWidth, srcHeight, hash, hashType,
                            resizerType, true);
     }
     if (result != CR_OK) return result;
-    if (warnings == 0) {
-        Trace("ConvertFile ok");
-        return CR_OK;
-    }
-    Trace("ConvertFile warnings");
-    return CR_JPEG_WARNINGS;
+    return Finished(warnings);
 }
 
 }  // namespace Varnelo

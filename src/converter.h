@@ -9,16 +9,13 @@
 // resizer, buffers, hash) for its own length; calls on different threads share only the
 // logger. Nothing throws out of a conversion except allocation failure.
 
-#include <csetjmp>
-#include <cstddef>
-#include <cstdio>
 #include <string>
-
-// jpeglib.h needs size_t and FILE declared before it.
-#include <jpeglib.h>
 
 #include "hash.h"
 #include "resizer.h"
+
+// The JPEG library's common object header, declared by jpeglib.h.
+struct jpeg_common_struct;
 
 namespace Varnelo {
 
@@ -33,19 +30,11 @@ enum ConvertResult {
     CR_INTERNAL_ERROR = 6,       // reserved for callers; never returned by the conversions
 };
 
-// An error manager whose fatal errors come back to the conversion that owns it. The library
-// is C, so a fault is not unwound as an exception: custom_error_exit jumps to `jump`, where
-// the conversion cleans up and reports CR_RESAMPLING_ERROR.
-struct JpegErrorManager {
-    jpeg_error_mgr pub;            // what the library object's `err` points at
-    std::jmp_buf* jump = nullptr;  // armed by the owning conversion before any library call
-};
-
-// The error_exit hook: logs "custom_error_exit (1)" at level 10 and jumps back into the
-// conversion. Never returns.
-// REQUIRES: cinfo->err is the `pub` member of a JpegErrorManager with `jump` armed, and the
-// frames between the setjmp and the library hold no object with a destructor.
-void custom_error_exit(jpeg_common_struct* cinfo);
+// The error_exit hook of every library object the conversions create: logs
+// "custom_error_exit (1)" at level 10 and returns to the conversion, which cleans up and reports
+// CR_RESAMPLING_ERROR. Never returns.
+// REQUIRES: cinfo belongs to a conversion and faulted inside one of its guarded library calls.
+[[noreturn]] void custom_error_exit(jpeg_common_struct* cinfo);
 
 // Converts `src` into `dst` so that its longer side is at most `size` (clamped to 32..65536)
 // at JPEG `quality` (clamped to 0..100), using the resizer `resizerType`. Comments and all

@@ -1,9 +1,7 @@
 #include "hash.h"
 
 #include <cstdio>
-
-#include "crc32.h"
-#include "md5.h"
+#include <memory>
 
 namespace Varnelo {
 
@@ -52,17 +50,6 @@ std::string Hash::GetResultString() const {
         text += kDigits[code[i] & 15];
     }
     return text;
-}
-
-std::unique_ptr<Hash> CreateHash(int type) {
-    switch (type) {
-        case HASH_CRC32:
-            return std::make_unique<CRC32>();
-        case HASH_MD5:
-            return std::make_unique<MD5>();
-        default:
-            return nullptr;
-    }
 }
 
 }  // namespace Varnelo

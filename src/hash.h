@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
 namespace Varnelo {
@@ -35,8 +34,5 @@ class Hash {
     // The result bytes in order as upper-case hexadecimal, two digits each, no separators.
     std::string GetResultString() const;
 };
-
-// The hash for a HashType, or null (HASH_NONE and any other value).
-std::unique_ptr<Hash> CreateHash(int type);
 
 }  // namespace Varnelo

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "crc32.h"
+#include "exif.h"
 #include "fsutils.h"
 #include "md5.h"
 #include "support/jpeg_fixtures.h"
@@ -54,10 +55,10 @@ std::string ReferenceConversion(const std::string& jpeg, bool grey, int dstw, in
     size_t y = 0;
     PumpLines(
         *resizer, w, h, dsth, row.data(), black.data(),
-        [&](CPixel* line) { std::memcpy(line, &image.rgb[3 * w * y++], 3 * w); },
-        [&](CPixel* p) {
-            JSAMPROW r = reinterpret_cast<JSAMPROW>(p);
-            jpeg_write_scanlines(&dst, &r, 1);
+        [&](CPixel* line) { return std::memcpy(line, &image.rgb[3 * w * y++], 3 * w) != nullptr; },
+        [&](const CPixel* p) {
+            JSAMPROW r = reinterpret_cast<JSAMPROW>(const_cast<CPixel*>(p));
+            return jpeg_write_scanlines(&dst, &r, 1) == 1;
         },
         [] {});
     jpeg_finish_compress(&dst);

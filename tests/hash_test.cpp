@@ -8,10 +8,17 @@
 #include <string>
 #include <tuple>
 
+#include "crc32.h"
+#include "md5.h"
 #include "support/temp_dir.h"
 
 namespace Varnelo {
 namespace {
+
+std::unique_ptr<Hash> CreateHash(int type) {
+    if (type == HASH_CRC32) return std::make_unique<CRC32>();
+    return std::make_unique<MD5>();
+}
 
 TEST(HashTest, GivesTheKnownDigests) {
     const std::string digits = "1234567890";

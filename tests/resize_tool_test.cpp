@@ -32,8 +32,14 @@ TEST(ResizeToolTest, WritesWhatTheResizerStreamsAndRejectsBadArguments) {
         size_t at = 0;
         PumpLines(
             *resizer, 37, 23, 7, row.data(), black.data(),
-            [&](CPixel* r) { at += pixels.copy(reinterpret_cast<char*>(r), 37 * 3, at); },
-            [&](CPixel* r) { expected.append(reinterpret_cast<const char*>(r), 10 * 3); }, [] {});
+            [&](CPixel* r) {
+                return (at += pixels.copy(reinterpret_cast<char*>(r), 37 * 3, at)) > 0;
+            },
+            [&](const CPixel* r) {
+                expected.append(reinterpret_cast<const char*>(r), 10 * 3);
+                return true;
+            },
+            [] {});
         EXPECT_EQ(ReadFileBytes(out), expected) << methods[type];
     }
     // Bad arguments or input fail and leave no output behind.

@@ -49,8 +49,8 @@ Image Pump(int type, const Image& src, int dw, int dh) {
     int read = 0;
     PumpLines(
         *resizer, sw, sh, dh, srcRow.data(), black.data(),
-        [&](CPixel* row) { std::copy_n(src[read++].begin(), sw, row); },
-        [&](CPixel* row) { out.emplace_back(row, row + dw); }, [] {});
+        [&](CPixel* row) { return std::copy_n(src[read++].begin(), sw, row) != nullptr; },
+        [&](const CPixel* row) { return out.emplace_back(row, row + dw).size() != 0u; }, [] {});
     return out;
 }
 
@@ -277,8 +277,8 @@ TEST(PumpLinesTest, PadsTheRowDropsLinesBeyondTheHeightAndFillsBlackWhenNoneCame
     int read = 0, written = 0;
     PumpLines(
         *dirty, 3, 4, 5, srcRow.data(), black.data(),
-        [&](CPixel* row) { std::copy_n(src[read++].begin(), 3, row); }, [&](CPixel*) { ++written; },
-        [] {});
+        [&](CPixel* row) { return std::copy_n(src[read++].begin(), 3, row) != nullptr; },
+        [&](const CPixel*) { return ++written > 0; }, [] {});
     EXPECT_EQ(srcRow, Grey({30, 31, 32, 32, 32}, 1)[0]);
     EXPECT_EQ(written, 5);
     EXPECT_FALSE(dirty->NewDestinationLine());

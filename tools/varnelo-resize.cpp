@@ -149,19 +149,25 @@ int Run(int argc, char** argv) {
             throw std::runtime_error(std::string("cannot write ") + outPath);
         FILE* inFile = in.get();
         FILE* outFile = out.get();
-        Varnelo::PumpLines(
+        std::string failure;
+        const bool pumped = Varnelo::PumpLines(
             *resizer, srcWidth, srcHeight, dstHeight, srcRow.data(), blackRow.data(),
             [&](CPixel* row) {
-                if (std::fread(row, sizeof(CPixel), srcWidth, inFile) !=
+                if (std::fread(row, sizeof(CPixel), srcWidth, inFile) ==
                     static_cast<size_t>(srcWidth))
-                    throw std::runtime_error(std::string(inPath) + ": PPM data is truncated");
+                    return true;
+                failure = std::string(inPath) + ": PPM data is truncated";
+                return false;
             },
-            [&](CPixel* row) {
-                if (std::fwrite(row, sizeof(CPixel), dstWidth, outFile) !=
+            [&](const CPixel* row) {
+                if (std::fwrite(row, sizeof(CPixel), dstWidth, outFile) ==
                     static_cast<size_t>(dstWidth))
-                    throw std::runtime_error(std::string("cannot write ") + outPath);
+                    return true;
+                failure = std::string("cannot write ") + outPath;
+                return false;
             },
             [] {});
+        if (!pumped) throw std::runtime_error(failure);
         if (std::fflush(outFile) != 0 || std::ferror(outFile))
             throw std::runtime_error(std::string("cannot write ") + outPath);
         if (std::fclose(out.release()) != 0)
