@@ -1,6 +1,7 @@
 #include "xmlrpc.h"
 
-#include <cstring>
+#include <algorithm>
+#include <cstddef>
 
 #include "converter.h"
 #include "fsutils.h"
@@ -12,60 +13,140 @@ namespace Varnelo {
 
 namespace {
 
-// Upper bound of the element nesting the parser would reach for `text`: every start tag
-// that is not self-closing opens a level, every end tag closes one. Comments, CDATA,
-// declarations and processing instructions are skipped whole.
-int NestingDepth(const std::string& text) {
+// NUL bytes after a request text; a UTF-8 sequence is at most four bytes long.
+const std::size_t kParserPadding = 4;
+
+bool IsSpace(unsigned char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+bool IsNameStart(unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+bool IsNameChar(unsigned char c) {
+    return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == ':';
+}
+
+// What a scan of plain markup found at a '<'.
+enum class Markup { OPEN, CLOSE, EMPTY, DECLARATION, OTHER };
+
+// Reads the plain construct that starts at text[i] == '<' and sets `end` one past its '>':
+// "<name>", "</name>", "<name/>" (bare ASCII names, blanks only before the '>'), or an XML
+// declaration whose attributes are version, encoding and standalone with quoted printable
+// values. Anything else is OTHER.
+Markup ReadPlainMarkup(const std::string& text, std::size_t i, std::size_t& end) {
+    const auto at = [&text](std::size_t k) -> unsigned char {
+        return k < text.size() ? static_cast<unsigned char>(text[k]) : 0;
+    };
+    std::size_t p = i + 1;
+    if (text.compare(i, 5, "<?xml") == 0) {
+        for (p = i + 5;;) {
+            std::size_t q = p;
+            while (IsSpace(at(q))) ++q;
+            if (at(q) == '?' && at(q + 1) == '>') {
+                end = q + 2;
+                return Markup::DECLARATION;
+            }
+            if (q == p) return Markup::OTHER;  // an attribute must follow a blank
+            std::size_t nameEnd = q;
+            while (IsNameChar(at(nameEnd))) ++nameEnd;
+            const std::string name = text.substr(q, nameEnd - q);
+            if (name != "version" && name != "encoding" && name != "standalone") {
+                return Markup::OTHER;
+            }
+            for (q = nameEnd; IsSpace(at(q));) ++q;
+            if (at(q) != '=') return Markup::OTHER;
+            for (++q; IsSpace(at(q));) ++q;
+            const unsigned char quote = at(q);
+            if (quote != '"' && quote != '\'') return Markup::OTHER;
+            for (++q; at(q) != quote; ++q) {
+                const unsigned char c = at(q);
+                if (c < 0x20 || c > 0x7E || c == '<' || c == '>' || c == '&' || c == '"' ||
+                    c == '\'') {
+                    return Markup::OTHER;
+                }
+            }
+            p = q + 1;
+        }
+    }
+    const bool close = at(p) == '/';
+    if (close) ++p;
+    if (!IsNameStart(at(p))) return Markup::OTHER;
+    while (IsNameChar(at(p))) ++p;
+    while (IsSpace(at(p))) ++p;
+    if (at(p) == '>') {
+        end = p + 1;
+        return close ? Markup::CLOSE : Markup::OPEN;
+    }
+    if (!close && at(p) == '/' && at(p + 1) == '>') {
+        end = p + 2;
+        return Markup::EMPTY;
+    }
+    return Markup::OTHER;
+}
+
+// The length of the UTF-8 sequence a lead byte announces, as a parser in UTF-8 mode steps over
+// it (1 for every byte below 0xC0).
+std::size_t SequenceLength(unsigned char c) {
+    return c < 0xC0 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+}
+
+// An upper bound of the element nesting TinyXML's recursive parser can reach on `text`, or
+// some value above `limit` once the bound passes it.
+//
+// The parser opens an element only at a '<' followed by a name, and closes one only at "</".
+// Every '<' not followed by '/', '!' or '?' is counted as an open, which can only over-estimate.
+// A "</" closes nothing inside a comment, CDATA, DOCTYPE, processing instruction or quoted
+// attribute value, and in UTF-8 text a malformed multi-byte sequence can swallow its '<'; so a
+// "</" is counted as a close only while everything before it is plain: bare tags, text with
+// well-formed multi-byte sequences, and plain XML declarations, which the parser reads exactly
+// as this scan does. The first thing of any other kind ends the plain prefix: from there on no
+// close counts and every possible open does, to the end of the text (past NUL bytes too).
+int NestingBound(const std::string& text, int limit) {
+    const std::size_t n = text.size();
     int depth = 0;
     int deepest = 0;
-    const std::string::size_type n = text.size();
-    std::string::size_type i = 0;
-    auto skipPast = [&](const char* end) {
-        const std::string::size_type pos = text.find(end, i);
-        i = pos == std::string::npos ? n : pos + std::strlen(end);
-    };
-    while (i < n) {
-        if (text[i] != '<') {
-            ++i;
-            continue;
-        }
-        if (text.compare(i, 4, "<!--") == 0) {
-            i += 4;
-            skipPast("-->");
-        } else if (text.compare(i, 9, "<![CDATA[") == 0) {
-            i += 9;
-            skipPast("]]>");
-        } else if (text.compare(i, 2, "<?") == 0) {
-            i += 2;
-            skipPast("?>");
-        } else if (text.compare(i, 2, "<!") == 0) {
-            i += 2;
-            skipPast(">");
-        } else if (text.compare(i, 2, "</") == 0) {
-            --depth;
-            i += 2;
-            skipPast(">");
-        } else {
-            // A start tag: find its end, stepping over quoted attribute values.
-            char quote = 0;
-            char previous = 0;
-            for (++i; i < n; ++i) {
-                const char c = text[i];
-                if (quote != 0) {
-                    if (c == quote) quote = 0;
-                } else if (c == '"' || c == '\'') {
-                    quote = c;
-                } else if (c == '>') {
-                    break;
+    bool plain = true;
+    std::size_t i = 0;
+    while (i < n && deepest <= limit) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (plain) {
+            if (c == '\0') break;  // the parser stops here
+            if (c != '<') {
+                const std::size_t length = SequenceLength(c);
+                std::size_t k = 1;
+                while (k < length && i + k < n && (text[i + k] & 0xC0) == 0x80) ++k;
+                if (k == length) {
+                    i += length;
+                    continue;
                 }
-                previous = c;
+                plain = false;
+                continue;
             }
-            if (i < n) ++i;
-            if (previous != '/') {
-                ++depth;
-                if (depth > deepest) deepest = depth;
+            std::size_t end = i;
+            switch (ReadPlainMarkup(text, i, end)) {
+                case Markup::OPEN:
+                    deepest = std::max(deepest, ++depth);
+                    i = end;
+                    continue;
+                case Markup::CLOSE:
+                    // At the top level the parser skips a stray end tag.
+                    depth = std::max(depth - 1, 0);
+                    i = end;
+                    continue;
+                case Markup::EMPTY:
+                case Markup::DECLARATION:
+                    i = end;
+                    continue;
+                case Markup::OTHER:
+                    plain = false;
+                    continue;
             }
         }
+        if (c == '<' && i + 1 < n && text[i + 1] != '/' && text[i + 1] != '!' &&
+            text[i + 1] != '?') {
+            deepest = std::max(deepest, ++depth);
+        }
+        ++i;
     }
     return deepest;
 }
@@ -162,6 +243,9 @@ ImageRequest ReadImageRequest(TiXmlElement* fields, int defaultResolution) {
     return request;
 }
 
+// The name the trace gives a hash type: the request's own wording, crossed like the wire's, so
+// that "  hash:     MD5" stands beside a request that named "MD5" (and got a CRC-32). Kept as
+// it is: the trace is matched against the requests by the client's developers.
 const char* HashLogName(HashType hash) {
     switch (hash) {
         case HASH_CRC32:
@@ -209,11 +293,16 @@ int XMLRPC::Parse(const std::string& text) {
     log.Put(text, 15);
     m_request.Clear();
     m_response.Clear();
-    if (NestingDepth(text) > kMaxDepth) {
+    if (NestingBound(text, kMaxDepth) > kMaxDepth) {
         log.Put("XMLRPC::Parse request nested too deeply, refused", 8);
         return 0;
     }
-    m_request.Parse(text.c_str());
+    // In UTF-8 text the parser steps over a whole multi-byte sequence at once, even one cut
+    // short by the end of the text: the padding keeps it inside the buffer.
+    std::string padded;
+    padded.reserve(text.size() + kParserPadding);
+    padded.append(text).append(kParserPadding, '\0');
+    m_request.Parse(padded.c_str());
     return 0;
 }
 
