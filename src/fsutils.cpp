@@ -16,8 +16,12 @@ namespace {
 
 const char kSeparators[] = "/\\";
 
+// Bytes from 128 to 255 come from clients' paths; <cctype> is defined for them only as
+// unsigned char values.
 struct to_lower {
-    char operator()(char c) const { return static_cast<char>(std::tolower(c)); }
+    char operator()(char c) const {
+        return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
 };
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }

@@ -3,7 +3,6 @@
 #include "converter.h"
 #include "fsutils.h"
 #include "log.h"
-#include "mutex.h"
 
 namespace Varnelo {
 
@@ -12,13 +11,6 @@ namespace {
 const int kMinDestinationSize = 8;
 const int kMaxDestinationSize = 65536;
 const char kJpegMask[] = "*.jpg";
-
-// The current directory is process-wide: two folder listings at once would each restore the
-// other's directory.
-Mutex& CurrentDirMutex() {
-    static Mutex mutex;
-    return mutex;
-}
 
 // The file to write: `dst` itself when its extension is "jpg" in any case; otherwise `dst`
 // is a folder and the file keeps the source's name. ".jpeg" counts as a folder on purpose.
@@ -136,17 +128,10 @@ bool CProcess::Convert(const std::string& src, const std::string& dstFile, bool 
 }
 
 void CProcess::ListFolder(const std::string& src, std::list<std::string>& files) {
-    bool found = false;
-    {
-        AutoLock lock(CurrentDirMutex());
-        const std::string previous = Get_cur_dir();
-        // A folder that cannot be entered is not reported: the listing then runs where the
-        // process already is.
-        Set_cur_dir(src);
-        found = FindFilesInAllSubdirs("", kJpegMask, files);
-        Set_cur_dir(previous);
+    // Listed by path, without changing the process's current directory, which other workers'
+    // relative paths depend on.
+    if (!FindFilesInAllSubdirs(src, kJpegMask, files)) {
+        log.Put("Find files in all subdirs failed", 8);
     }
-    if (!found) log.Put("Find files in all subdirs failed", 8);
 }
-
 }  // namespace Varnelo

@@ -22,8 +22,8 @@ namespace Varnelo {
 // A fresh job's result is CR_INTERNAL_ERROR. Nothing is thrown or logged as a failure, except
 // "Find files in all subdirs failed".
 //
-// Threads: one job per request on one worker. The folder operations change the process's
-// current directory for a moment; they hold a process-wide lock while they do.
+// Threads: one job per request on one worker; jobs share nothing, and none changes the
+// process's current directory.
 class CProcess {
   public:
     CProcess();
@@ -61,7 +61,7 @@ class CProcess {
     bool ProcessAutoWith(const std::string& src, const std::string& dst, bool thumbnail);
     // Runs the conversion into the file `dstFile` and keeps its outputs.
     bool Convert(const std::string& src, const std::string& dstFile, bool thumbnail);
-    // Lists "*.jpg" below the folder `src`, relative to it; restores the current directory.
+    // Lists "*.jpg" below the folder `src`, relative to it.
     static void ListFolder(const std::string& src, std::list<std::string>& files);
 
     int m_destinationSize;

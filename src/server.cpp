@@ -12,32 +12,24 @@
 
 namespace Varnelo {
 
-StdioListenThread::StdioListenThread(TaskQueue& queue, ThreadPool& pool)
-    : m_readState(0),
-      m_terminate(false),
-      m_spare(9),
-      m_queue(queue),
-      m_pool(pool),
-      m_eof(false),
-      m_begin(0),
-      m_end(0) {}
+LineReader::LineReader(int fd) : m_fd(fd), m_eof(false), m_begin(0), m_end(0) {}
 
-bool StdioListenThread::FillBuffer() {
+bool LineReader::FillBuffer() {
     for (;;) {
-        const ssize_t n = read(STDIN_FILENO, m_buffer, sizeof(m_buffer));
+        const ssize_t n = read(m_fd, m_buffer, sizeof(m_buffer));
         if (n > 0) {
             m_begin = 0;
             m_end = static_cast<std::size_t>(n);
             return true;
         }
         if (n < 0 && errno == EINTR) continue;
-        // End of input, or an input that can no longer be read: the same to the listener.
+        // End of input, or an input that can no longer be read: the same to the reader.
         m_eof = true;
         return false;
     }
 }
 
-bool StdioListenThread::ReadLine(std::string& line, bool& overlong) {
+bool LineReader::ReadLine(std::string& line, bool& overlong) {
     line.clear();
     overlong = false;
     bool readAny = false;
@@ -60,61 +52,81 @@ bool StdioListenThread::ReadLine(std::string& line, bool& overlong) {
     }
 }
 
+RequestFramer::RequestFramer() : m_dropping(false) {}
+
+void RequestFramer::Drop() {
+    if (!m_dropping) log.Put("StdioThread request too long, dropped", 8);
+    m_dropping = true;
+    m_collected.clear();
+}
+
+bool RequestFramer::Take(std::string& request) {
+    request = std::move(m_collected);
+    m_collected.clear();
+    if (m_dropping) {
+        request.clear();
+        m_dropping = false;
+    }
+    return !request.empty();
+}
+
+RequestFramer::Event RequestFramer::AddLine(const std::string& line, bool overlong,
+                                            std::string& request) {
+    if (overlong) {
+        Drop();
+        return NONE;
+    }
+    if (line == "*") {
+        log.Put("EXECUTE=" + line, 8);
+        return Take(request) ? REQUEST : NONE;
+    }
+    if (line == "exit") {
+        m_collected.clear();
+        return EXIT;
+    }
+    if (line.empty() || m_dropping) return NONE;
+    if (m_collected.size() + line.size() + 1 > kMaxRequest) {
+        Drop();
+        return NONE;
+    }
+    m_collected += line;
+    m_collected += '\n';
+    return NONE;
+}
+
+bool RequestFramer::Flush(std::string& request) { return Take(request); }
+
+StdioListenThread::StdioListenThread(TaskQueue& queue, ThreadPool& pool)
+    : m_readState(0), m_terminate(false), m_spare(9), m_queue(queue), m_pool(pool) {}
+
 void StdioListenThread::Execute() {
+    LineReader input(STDIN_FILENO);
+    RequestFramer framer;
     std::string line;
-    std::string collected;
     std::string request;
-    // Set while the rest of an oversized request is being skipped, up to its "*".
-    bool dropping = false;
-    const auto drop = [&]() {
-        if (!dropping) log.Put("StdioThread request too long, dropped", 8);
-        dropping = true;
-        collected.clear();
-    };
-    // Makes what was collected the request to queue; a dropped request yields nothing.
-    const auto takeCollected = [&]() {
-        request = std::move(collected);
-        collected.clear();
-        if (dropping) {
-            request.clear();
-            dropping = false;
-        }
-        if (!request.empty()) m_readState = 2;
-    };
 
     log.Put("+connect stdio", 8);
     m_spare = 0;
     m_readState = 0;
     while (!m_terminate) {
         try {
-            if (m_eof) {
+            if (input.AtEnd()) {
                 Sleep_ms(100);
-                takeCollected();
+                if (framer.Flush(request)) m_readState = 2;
                 if (m_pool.IsTerminate()) {
                     log.Put("Detect terminating", 8);
                     m_terminate = true;
                 }
             } else {
                 bool overlong = false;
-                if (!ReadLine(line, overlong)) line.clear();
-                if (overlong) {
-                    drop();
-                } else if (line == "*") {
-                    log.Put("EXECUTE=" + line, 8);
-                    takeCollected();
-                } else if (!line.empty() && !dropping) {
-                    if (collected.size() + line.size() + 1 > kMaxRequest) {
-                        drop();
-                    } else {
-                        collected += line;
-                        collected += '\n';
-                    }
+                if (!input.ReadLine(line, overlong)) line.clear();
+                const RequestFramer::Event event = framer.AddLine(line, overlong, request);
+                if (event == RequestFramer::EXIT) {
+                    log.Put("StdioThread exit", 8);
+                    m_terminate = true;
+                    break;
                 }
-            }
-            if (line == "exit") {
-                log.Put("StdioThread exit", 8);
-                m_terminate = true;
-                break;
+                if (event == RequestFramer::REQUEST) m_readState = 2;
             }
             if (m_readState == 2) {
                 m_readState = 0;
@@ -154,6 +166,8 @@ void CServer::SetUseStdio(bool useStdio) { m_useStdio = useStdio; }
 
 int CServer::Start() {
     log.Put("Start server...", 6);
+    // Does nothing on this platform; kept so that a port which can lower the workers' priority
+    // has its place in the start-up order.
     m_pool.SetPriority(-2);
     m_pool.Start();
     if (m_useStdio) {

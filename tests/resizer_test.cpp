@@ -237,9 +237,9 @@ TEST_P(ResizerExactnessTest, StaysInsideItsBuffersWhateverTheCallOrder) {
 
 INSTANTIATE_TEST_SUITE_P(, ResizerExactnessTest,
                          ::testing::Values(RESIZER_DIRTY, RESIZER_TIDY, RESIZER_REDUCES),
-                         [](const ::testing::TestParamInfo<int>& info) -> std::string {
-                             return info.param == RESIZER_DIRTY  ? "Dirty"
-                                    : info.param == RESIZER_TIDY ? "Tidy"
+                         [](const ::testing::TestParamInfo<int>& type) -> std::string {
+                             return type.param == RESIZER_DIRTY  ? "Dirty"
+                                    : type.param == RESIZER_TIDY ? "Tidy"
                                                                  : "Reduces";
                          });
 
