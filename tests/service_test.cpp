@@ -2,13 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <tinyxml.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "fsutils.h"
+#include "support/jpeg_fixtures.h"
 #include "support/service_process.h"
 #include "support/temp_dir.h"
 #include "thread.h"
@@ -24,6 +28,9 @@ std::string Call(const std::string& method, const std::string& params = "") {
 }
 
 const std::string kClose = Call("upload.close") + "*\n";
+const std::string kDone =
+    "<methodResponse>\n <params>\n  <param>\n   <value>\n    <string>done</string>\n"
+    "   </value>\n  </param>\n </params>\n</methodResponse>\n";
 const std::string kInfo = Call("upload.installInfoRequest") + "*\n";
 const std::string kConnect = Call("upload.connect", "<params><param/></params>") + "*\n";
 const std::string kErase =
@@ -202,6 +209,216 @@ TEST(ServiceTest, GarbageNeverTakesTheServiceDown) {
     EXPECT_EQ(service.ReadResponses(2, 1000), std::vector<std::string>{Expected(kInfo)});
     service.Send("exit\n");
     EXPECT_EQ(service.Wait(3000), 0);
+}
+
+// The members of an image answer by name, or empty when the text is not a whole response.
+std::map<std::string, std::string> ImageAnswerOf(const std::string& response, int& params) {
+    std::map<std::string, std::string> members;
+    TiXmlDocument doc;
+    doc.Parse(response.c_str());
+    params = 0;
+    if (doc.Error()) return members;
+    TiXmlElement* param = TiXmlHandle(&doc)
+                              .FirstChildElement("methodResponse")
+                              .FirstChildElement("params")
+                              .FirstChildElement("param")
+                              .Element();
+    for (; param != nullptr; param = param->NextSiblingElement("param")) ++params;
+    TiXmlElement* fields = TiXmlHandle(&doc)
+                               .FirstChildElement("methodResponse")
+                               .FirstChildElement("params")
+                               .FirstChildElement("param")
+                               .FirstChildElement("value")
+                               .FirstChildElement("struct")
+                               .Element();
+    for (TiXmlElement* m = fields != nullptr ? fields->FirstChildElement("member") : nullptr;
+         m != nullptr; m = m->NextSiblingElement("member")) {
+        TiXmlElement* typed = m->FirstChildElement("value")->FirstChildElement();
+        members[m->FirstChildElement("name")->GetText()] =
+            typed->GetText() != nullptr ? typed->GetText() : "";
+    }
+    return members;
+}
+
+std::string ImageRequest(const std::string& method, int id, const std::string& src,
+                         const std::string& dst) {
+    std::string fields =
+        "<member><name>imageId</name><value><i4>" + ToString(id) + "</i4></value></member>";
+    if (!src.empty()) {
+        fields += "<member><name>sourcePath</name><value><string>" + src +
+                  "</string></value></member><member><name>destPath</name><value><string>" + dst +
+                  "</string></value></member><member><name>resolution</name><value><i4>64</i4>"
+                  "</value></member>";
+    }
+    return Call(method,
+                "<params><param><value><struct>" + fields + "</struct></value></param></params>") +
+           "*\n";
+}
+
+// 2,000 requests back to back, one in four hostile, with large conversions keeping every worker
+// busy: each request due an answer gets exactly one, whole, and the service then stops in order.
+TEST(ServiceTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
+    TempDir tmp;
+    mkdir(tmp.Path("out").c_str(), 0777);
+    const std::string big = tmp.Write("big.jpg", EncodeJpeg({1600, 1200}));
+    const std::string small = tmp.Write("small.jpg", EncodeJpeg({160, 120}));
+    const std::string text = tmp.Write("text.jpg", std::string(3000, 't'));
+    const std::string cut = tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({320, 240})));
+    ExifBlock past = BuildExif({320, 240, EncodeJpeg({40, 30})});
+    past.Put(past.thumbOffsetEntry + 8, 0xFFFFFF00);  // the thumbnail lies far past the block
+    const std::string exif = tmp.Write("exif.jpg", EncodeJpeg({320, 240}, {{0xE1, past.payload}}));
+    std::string nested;
+    for (int i = 0; i < 300; ++i) nested += "<a>";
+    const std::string deep = Call("upload.close", "<?pi >" + nested + "?>");
+
+    std::map<int, std::string> due;  // imageId -> failure reason, "" for success
+    int housekeeping = 0;
+    int empty = 0;
+    std::string input;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string dst = tmp.Path("out/" + ToString(i) + ".jpg");
+        const int kind = i % 4 == 3 ? 10 + (i / 4) % 9 : i < 12 ? 0 : i % 5;
+        switch (kind) {
+            case 0:  // a large conversion
+                input += ImageRequest("upload.downsampleRequest", i, big, dst);
+                due[i] = "";
+                break;
+            case 1:
+            case 2:
+                input += ImageRequest("upload.downsampleRequest", i, small, dst);
+                due[i] = "";
+                break;
+            case 3:
+                input += ImageRequest("upload.thumbnailRequest", i, small, dst);
+                due[i] = "";
+                break;
+            case 4:
+                input += i % 2 == 0 ? kConnect : kInfo;
+                ++housekeeping;
+                break;
+            case 10:
+                input += "not xml < at > all &\n*\n";
+                break;
+            case 11:
+                input += deep + "*\n";
+                break;
+            case 12:
+                input +=
+                    std::string("<methodCall>\0", 13) + kInfo.substr(kInfo.find("<methodName>"));
+                break;
+            case 13:  // a 5 MiB line drops its request
+                input += i < 150 ? kInfo.substr(0, kInfo.size() - 2) + std::string(5 << 20, ' ') +
+                                       "\n*\n"
+                                 : "<methodCall/>\n*\n";
+                break;
+            case 14:
+                input += ImageRequest("upload.downsampleRequest", i, "", "");
+                due[i] = "internal error";
+                break;
+            case 15:
+                input += ImageRequest("upload.downsampleRequest", i, text, dst);
+                due[i] = "jpeg resampling error";
+                break;
+            case 16:
+                input += ImageRequest("upload.downsampleRequest", i, cut, dst);
+                due[i] = "jpeg library warning(s)";
+                break;
+            case 17:
+                input += ImageRequest("upload.thumbnailRequest", i, exif, dst);
+                due[i] = "";
+                break;
+            default:  // answered with no image at all
+                input += Call("upload.downsampleRequest", "<params><param/></params>") + "*\n";
+                ++empty;
+                break;
+        }
+    }
+    ServiceProcess service(VARNELO_BIN);
+    service.Send(input);
+    const std::size_t expected = due.size() + housekeeping + empty;
+    const std::vector<std::string> responses = service.ReadResponses(expected, 120000);
+    service.Send(kClose);
+    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{kDone});
+    service.CloseInput();
+    EXPECT_EQ(service.Wait(10000), 0);
+    EXPECT_EQ(service.ReadRest(1000), "");
+
+    ASSERT_EQ(responses.size(), expected);
+    std::map<int, int> answered;
+    int answeredHousekeeping = 0;
+    int answeredEmpty = 0;
+    for (const std::string& response : responses) {
+        int params = 0;
+        std::map<std::string, std::string> answer = ImageAnswerOf(response, params);
+        if (params == 0 && response == "<methodResponse>\n <params />\n</methodResponse>\n") {
+            ++answeredEmpty;
+            continue;
+        }
+        ASSERT_EQ(params, 1) << response;
+        if (answer.count("imageId") == 0) {
+            ++answeredHousekeeping;
+            continue;
+        }
+        const int id = std::stoi(answer["imageId"]);
+        ++answered[id];
+        ASSERT_EQ(due.count(id), 1u) << id;
+        EXPECT_EQ(answer["success"], due[id].empty() ? "1" : "0") << id;
+        EXPECT_EQ(answer["failureReason"], due[id]) << id;
+    }
+    EXPECT_EQ(answeredHousekeeping, housekeeping);
+    EXPECT_EQ(answeredEmpty, empty);
+    EXPECT_EQ(answered.size(), due.size());
+    for (const auto& [id, times] : answered) EXPECT_EQ(times, 1) << id;
+}
+
+// Faults of the file system fail their one image; the service goes on answering.
+TEST(ServiceTest, DiskAndFileFaultsFailOnlyTheirImage) {
+    TempDir tmp;
+    const std::string photo = tmp.Write("photo.jpg", EncodeJpeg({800, 600}));
+    const bool full =
+        symlink("/dev/full", tmp.Path("full.jpg").c_str()) == 0 && access("/dev/full", W_OK) == 0;
+    ServiceProcess service(VARNELO_BIN);
+    const auto reason = [&](const std::string& request) {
+        service.Send(request);
+        const std::vector<std::string> responses = service.ReadResponses(1);
+        int params = 0;
+        return responses.empty() ? std::string("no answer")
+                                 : ImageAnswerOf(responses[0], params)["failureReason"];
+    };
+    if (full) {
+        EXPECT_EQ(reason(ImageRequest("upload.downsampleRequest", 1, photo, tmp.Path("full.jpg"))),
+                  "jpeg resampling error");
+    }
+    EXPECT_EQ(reason(ImageRequest("upload.downsampleRequest", 2, photo, "/proc/varnelo/x.jpg")),
+              "create destination file error");
+
+    // Four conversions of one source at once.
+    for (int i = 0; i < 4; ++i) {
+        service.Send(ImageRequest("upload.downsampleRequest", 10 + i, photo,
+                                  tmp.Path("copy" + ToString(i) + ".jpg")));
+    }
+    const std::vector<std::string> copies = service.ReadResponses(4);
+    ASSERT_EQ(copies.size(), 4u);
+    for (const std::string& response : copies) {
+        int params = 0;
+        EXPECT_EQ(ImageAnswerOf(response, params)["success"], "1");
+    }
+    for (int i = 1; i < 4; ++i) {
+        EXPECT_EQ(ReadFileBytes(tmp.Path("copy" + ToString(i) + ".jpg")),
+                  ReadFileBytes(tmp.Path("copy0.jpg")));
+    }
+
+    // The source is removed between two requests.
+    service.Send(Call("service.erase", "<params><param><value><array><data><value><string>" +
+                                           photo +
+                                           "</string></value></data></array></value>"
+                                           "</param></params>") +
+                 "*\n");
+    EXPECT_EQ(service.ReadResponses(1).size(), 1u);
+    EXPECT_EQ(reason(ImageRequest("upload.downsampleRequest", 20, photo, tmp.Path("gone.jpg"))),
+              "internal error");
+    service.Send("exit\n");
+    EXPECT_EQ(service.Wait(5000), 0);
 }
 
 }  // namespace
