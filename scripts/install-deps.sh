@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Usage: scripts/install-deps.sh   (installs the Debian packages the build and tests need)
+# Usage: scripts/install-deps.sh   (installs the Debian packages the build, tests and fuzzers need)
 set -euo pipefail
 
 packages=(
@@ -8,6 +8,7 @@ packages=(
     libjpeg62-turbo-dev
     libgtest-dev
     libbenchmark-dev
+    clang libclang-rt-14-dev
 )
 
 missing=()

@@ -245,5 +245,24 @@ TEST(ConvertFileThumbnailTest, WritesTheFirstEmbeddedThumbnailVerbatim) {
     EXPECT_EQ(ReadFileBytes(tmp.Path("t.jpg")), thumb);
 }
 
+// A genuine progressive photo whose coefficients take about 1.2 GB: the library's memory cap
+// grows with the file, so it converts and its embedded thumbnail is found. (The tiny file that
+// declares 60000 x 60000 above is still refused.)
+TEST(ConvertFileLongTest, LargeProgressivePhotoConvertsAndItsThumbnailIsFound) {
+    TempDir tmp;
+    const std::string thumb = EncodeJpeg({160, 160});
+    const std::string src =
+        tmp.Write("large.jpg", EncodeJpeg({14000, 14000, JpegKind::COLOUR_444, true},
+                                          {{0xE1, BuildExif({14000, 14000, thumb}).payload}}));
+    const Outcome r = Convert(src, tmp.Path("small.jpg"), 1600);
+    EXPECT_EQ(r.result, CR_OK);
+    EXPECT_EQ(r.width, 14000);
+    const DecodedJpeg small = DecodeJpeg(ReadFileBytes(tmp.Path("small.jpg")));
+    EXPECT_EQ(small.width, 1600);
+    EXPECT_EQ(small.height, 1600);
+    EXPECT_EQ(Thumbnail(src, tmp.Path("thumb.jpg")).result, CR_OK);
+    EXPECT_EQ(ReadFileBytes(tmp.Path("thumb.jpg")), thumb);
+}
+
 }  // namespace
 }  // namespace Varnelo
