@@ -443,17 +443,17 @@ class Batch {
 
     // Starts the service and greets it, trying a few times.
     bool StartService() {
+        std::string why;
         for (int attempt = 1; attempt <= kStartAttempts; ++attempt) {
-            std::string why;
             if (Handshake(why)) {
                 m_lastAnswer = Clock::now();
                 return true;
             }
             m_service.Kill();
-            m_progress.Clear();
-            Error("the service " + Quoted(m_options.service) + " did not start: " + why);
             if (why.find("version") != std::string::npos) break;
         }
+        m_progress.Clear();
+        Error("the service " + Quoted(m_options.service) + " did not start: " + why);
         return false;
     }
 
@@ -711,8 +711,8 @@ int Summarise(const Options& options, const std::vector<Photo>& photos, const Ba
     const bool anyFailed = failed > 0 || thumbsFailed > 0;
     if (options.verbosity > 0) {
         const std::size_t done = photos.size() - notDone;
-        std::fprintf(stderr, "%zu photos in %.1f s (%.1f photos/s)\n", done, seconds,
-                     seconds > 0 ? done / seconds : 0.0);
+        std::fprintf(stderr, "%zu photo%s in %.1f s (%.1f photos/s)\n", done, done == 1 ? "" : "s",
+                     seconds, seconds > 0 ? done / seconds : 0.0);
         std::fprintf(stderr, "  converted            %6zu\n", converted);
         if (tooSmall > 0) {
             std::fprintf(stderr,
@@ -764,8 +764,13 @@ int Main(int argc, char** argv) {
         Error(error);
         return 1;
     }
-    if (photos.empty() && options.verbosity > 0) {
-        Error("no .jpg or .jpeg photos found (folders are searched one level deep without -r)");
+    if (photos.empty()) {
+        if (options.verbosity > 0) {
+            Error("no .jpg or .jpeg photos found (folders are searched one level deep without -r)");
+        }
+        const bool reported = options.report.empty() ||
+                              WriteReport(options.report, options.reportFormat, false, photos);
+        return reported ? 0 : 1;
     }
 
     CatchInterrupts();
