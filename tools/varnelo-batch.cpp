@@ -752,7 +752,10 @@ int Main(int argc, char** argv) {
         Error("cannot run the service " + Quoted(options.service) + ": " + std::strerror(errno));
         return 1;
     }
-    const std::string outDir = fs::weakly_canonical(fs::absolute(options.outDir)).string();
+    std::error_code ec;
+    fs::path outPath = fs::absolute(options.outDir, ec);
+    outPath = fs::weakly_canonical(outPath, ec);
+    const std::string outDir = outPath.string();
     std::vector<Photo> photos;
     std::string error;
     if (!FindPhotos(options.inputs, options.recursive, outDir, photos, error)) {
