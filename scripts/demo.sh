@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Usage: scripts/demo.sh [PHOTO...]   (builds the service, then downsamples and thumbnails each photo)
+# Usage: scripts/demo.sh [PHOTO...]   (builds; prepares the photos with varnelo-batch, then shows the raw protocol)
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -10,21 +10,38 @@ out="$root/demo-out"
 echo "== installing dependencies and building"
 scripts/install-deps.sh
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target varnelo varnelo-sample-photo \
-    >/dev/null
+cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" \
+    --target varnelo varnelo-batch varnelo-sample-photo >/dev/null
 
 rm -rf "$out"
 mkdir -p "$out"
 photos=()
 if [ $# -eq 0 ]; then
-    "$build/varnelo-sample-photo" "$out/sample.jpg"
-    echo "== no photo given: made $out/sample.jpg (3000x2000, EXIF with an embedded thumbnail)"
-    photos=("$out/sample.jpg")
+    mkdir -p "$out/samples"
+    "$build/varnelo-sample-photo" "$out/samples/sample.jpg"
+    "$build/varnelo-sample-photo" "$out/samples/portrait.jpg" 2000 3000
+    "$build/varnelo-sample-photo" "$out/samples/small.jpg" 400 300
+    echo "== no photo given: made sample photos in $out/samples (EXIF with embedded thumbnails)"
+    photos=("$out/samples/sample.jpg")
+    batch_inputs=("$out/samples")
 else
     for photo in "$@"; do
-        photos+=("$(cd "$(dirname "$photo")" && pwd)/$(basename "$photo")")
+        if [ -f "$photo" ]; then
+            photos+=("$(cd "$(dirname "$photo")" && pwd)/$(basename "$photo")")
+        fi
     done
+    batch_inputs=("$@")
 fi
+
+echo "== varnelo-batch: 480-pixel copies and thumbnails into $out/upload"
+echo "   \$ build/varnelo-batch --size 480 --thumbnails --report $out/report.csv ${batch_inputs[*]} -o $out/upload"
+batch_status=0
+"$build/varnelo-batch" --size 480 --thumbnails --report "$out/report.csv" "${batch_inputs[@]}" \
+    -o "$out/upload" || batch_status=$?
+echo "== varnelo-batch ended with status $batch_status (1: some photo failed); its report:"
+sed 's/^/    /' "$out/report.csv"
+
+echo "== the same work by hand: the protocol exchange for each photo"
 
 # Paths travel inside XML text.
 xml_escape() {
@@ -90,3 +107,4 @@ echo "== the service ended with status $status"
 echo "Results are in $out:"
 ls -l "$out"
 echo "The service's full trace (switch -l 16) is in $build/log."
+echo "Prepare your own folder with: $build/varnelo-batch -r ~/Pictures/trip -o upload/"

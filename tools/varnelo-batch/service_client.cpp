@@ -1,0 +1,254 @@
+#include "service_client.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <tinyxml.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+namespace Varnelo {
+
+int MsUntil(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, 1 << 30));
+}
+
+const char kTooSmall[] = "actual resolution less than requested";
+
+// The service names its two hashes the other way round: the wire text "MD5" makes it compute
+// a CRC-32 (answered "S1|" and 8 hex digits) and any other text an MD5 ("S2|" and 32 digits).
+// This is the one place that knows it. No text turns hashing off: for NONE the member is left
+// out and the caller drops the hash from the answer.
+const char* WireHashName(HashChoice choice) {
+    switch (choice) {
+        case HashChoice::CRC32:
+            return "MD5";
+        case HashChoice::MD5:
+            return "CRC32";
+        case HashChoice::NONE:
+            break;
+    }
+    return nullptr;
+}
+
+// Whitespace and control characters go as character references: the service's XML reader
+// folds runs of raw whitespace into one blank, which would turn "a  b.jpg" into "a b.jpg".
+// Other bytes go as they are, under the ISO-8859-1 declaration of Call, so that file names
+// that are not valid UTF-8 reach the service unchanged.
+std::string XmlText(const std::string& text) {
+    std::string out;
+    for (const char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c == '&') {
+            out += "&amp;";
+        } else if (c == '<') {
+            out += "&lt;";
+        } else if (c == '>') {
+            out += "&gt;";
+        } else if (c <= ' ') {
+            out += "&#" + std::to_string(c) + ";";
+        } else {
+            out += ch;
+        }
+    }
+    return out;
+}
+
+std::string Member(const std::string& name, const std::string& type, const std::string& text) {
+    return "<member><name>" + name + "</name><value><" + type + ">" + XmlText(text) + "</" + type +
+           "></value></member>";
+}
+
+std::string Call(const std::string& method, const std::string& params) {
+    return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<methodCall><methodName>" + method +
+           "</methodName>\n" + params + "</methodCall>\n*\n";
+}
+
+namespace {
+
+using Fields = std::map<std::string, TiXmlElement*>;
+
+std::string TextOf(const TiXmlElement* element) {
+    const char* text = element != nullptr ? element->GetText() : nullptr;
+    return text != nullptr ? text : "";
+}
+
+int IntOf(const TiXmlElement* element) { return std::atoi(TextOf(element).c_str()); }
+
+// The typed value element of each member of a struct, by member name.
+Fields FieldsOf(TiXmlElement* structure) {
+    Fields fields;
+    if (structure == nullptr) return fields;
+    for (TiXmlElement* member = structure->FirstChildElement("member"); member != nullptr;
+         member = member->NextSiblingElement("member")) {
+        TiXmlElement* typed =
+            TiXmlHandle(member).FirstChildElement("value").FirstChildElement().Element();
+        if (typed != nullptr) fields[TextOf(member->FirstChildElement("name"))] = typed;
+    }
+    return fields;
+}
+
+TiXmlElement* Field(const Fields& fields, const char* name) {
+    const auto it = fields.find(name);
+    return it != fields.end() ? it->second : nullptr;
+}
+
+}  // namespace
+
+Answer ParseAnswer(const std::string& text) {
+    Answer answer;
+    TiXmlDocument doc;
+    doc.Parse(text.c_str());
+    TiXmlElement* params =
+        TiXmlHandle(&doc).FirstChildElement("methodResponse").FirstChildElement("params").Element();
+    if (params == nullptr) return answer;
+    for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
+         param = param->NextSiblingElement("param")) {
+        TiXmlElement* value =
+            TiXmlHandle(param).FirstChildElement("value").FirstChildElement().Element();
+        if (value == nullptr) continue;
+        if (value->ValueStr() == "string" && TextOf(value) == "done") answer.kind = Answer::DONE;
+        if (value->ValueStr() != "struct") continue;
+        const Fields fields = FieldsOf(value);
+        if (Field(fields, "minVersion") != nullptr) {
+            answer.kind = Answer::CONNECTED;
+            answer.minVersion = IntOf(Field(fields, "minVersion"));
+            answer.currentVersion = IntOf(Field(fields, "currentVersion"));
+            answer.accepted = TextOf(Field(fields, "accepted")) == "1";
+        } else if (Field(fields, "imageId") != nullptr) {
+            answer.kind = Answer::IMAGES;
+            ImageResult result;
+            result.done = true;
+            result.success = TextOf(Field(fields, "success")) == "1";
+            result.reason = TextOf(Field(fields, "failureReason"));
+            const Fields original = FieldsOf(Field(fields, "originalImage"));
+            const Fields resolution = FieldsOf(Field(original, "resolution"));
+            if (Field(resolution, "width") != nullptr) {
+                result.width = IntOf(Field(resolution, "width"));
+                result.height = IntOf(Field(resolution, "height"));
+            }
+            result.hash = TextOf(Field(original, "hash"));
+            answer.images.emplace_back(IntOf(Field(fields, "imageId")), result);
+        }
+    }
+    return answer;
+}
+
+Fd& Fd::operator=(Fd&& other) noexcept {
+    Reset();
+    std::swap(m_fd, other.m_fd);
+    return *this;
+}
+
+void Fd::Reset() {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = -1;
+}
+
+bool ServiceChild::Start(const std::string& binary, bool showStderr) {
+    Kill();
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0) return false;
+    Fd inRead(in[0]), inWrite(in[1]);
+    if (pipe2(out, O_CLOEXEC) != 0) return false;
+    Fd outRead(out[0]), outWrite(out[1]);
+    Fd quiet(showStderr ? -1 : open("/dev/null", O_WRONLY | O_CLOEXEC));
+    char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) return false;
+    if (pid == 0) {
+        setpgid(0, 0);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        dup2(inRead.Get(), STDIN_FILENO);
+        dup2(outWrite.Get(), STDOUT_FILENO);
+        if (quiet.Get() >= 0) dup2(quiet.Get(), STDERR_FILENO);
+        execv(binary.c_str(), argv);
+        _exit(127);
+    }
+    m_pid = pid;
+    m_in = std::move(inWrite);
+    m_out = std::move(outRead);
+    fcntl(m_in.Get(), F_SETFL, O_NONBLOCK);
+    fcntl(m_out.Get(), F_SETFL, O_NONBLOCK);
+    m_buffer.clear();
+    return true;
+}
+
+bool ServiceChild::Send(const std::string& text) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+    std::size_t done = 0;
+    while (done < text.size() && m_in.Get() >= 0) {
+        const ssize_t n = write(m_in.Get(), text.data() + done, text.size() - done);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EAGAIN && MsUntil(deadline) > 0) {
+            pollfd fd = {m_in.Get(), POLLOUT, 0};
+            poll(&fd, 1, MsUntil(deadline));
+        } else if (!(n < 0 && errno == EINTR)) {
+            return false;
+        }
+    }
+    return done == text.size();
+}
+
+bool ServiceChild::Read() {
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = read(m_out.Get(), buffer, sizeof(buffer));
+        if (n > 0) {
+            m_buffer.append(buffer, static_cast<std::size_t>(n));
+        } else if (n == 0) {
+            return false;
+        } else if (errno != EINTR) {
+            return errno == EAGAIN;
+        }
+    }
+}
+
+bool ServiceChild::NextResponse(std::string& response) {
+    const std::string::size_type end = m_buffer.find("\n*\n");
+    if (end == std::string::npos) return false;
+    response = m_buffer.substr(0, end);
+    m_buffer.erase(0, end + 3);
+    return true;
+}
+
+std::string ServiceChild::Reap(Clock::time_point deadline) {
+    while (m_pid > 0 && MsUntil(deadline) > 0) {
+        int status = 0;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) return Ended(status);
+        poll(nullptr, 0, 10);
+    }
+    return Kill();
+}
+
+std::string ServiceChild::Kill() {
+    if (m_pid <= 0) return "was not running";
+    kill(m_pid, SIGKILL);
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return Ended(status);
+}
+
+std::string ServiceChild::Ended(int status) {
+    m_pid = -1;
+    m_in.Reset();
+    m_out.Reset();
+    if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
+    return "was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+           strsignal(WTERMSIG(status)) + ")";
+}
+
+}  // namespace Varnelo

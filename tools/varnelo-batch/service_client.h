@@ -1,0 +1,115 @@
+#pragma once
+
+// The client's side of the service's protocol: the texts of its requests, the answers read
+// back, and the service itself as a child process that speaks them over pipes.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Varnelo {
+
+using Clock = std::chrono::steady_clock;
+
+// Milliseconds from now until `deadline`, 0 when it has passed.
+int MsUntil(Clock::time_point deadline);
+
+// The failure reason of a photo that is not larger than the requested size: no copy is made.
+extern const char kTooSmall[];
+// The protocol version this client speaks; the handshake names the range the service takes.
+const int kProtocolVersion = 4;
+// The service reads request lines of at most this many characters.
+const std::size_t kMaxLine = 1023;
+
+enum class HashChoice { CRC32, MD5, NONE };
+// The hashMethod text that makes the service compute `choice`; null for NONE.
+const char* WireHashName(HashChoice choice);
+
+// Text for the content of an XML element, escaped for the service's reader.
+std::string XmlText(const std::string& text);
+// One struct member on a line of its own, without the newline.
+std::string Member(const std::string& name, const std::string& type, const std::string& text);
+// A method call framed for the service; `params` is empty or whole lines.
+std::string Call(const std::string& method, const std::string& params);
+
+// What became of one image: the service's answer, or the client's own verdict.
+struct ImageResult {
+    bool done = false;
+    bool success = false;
+    std::string reason;           // the failure reason
+    int width = -1, height = -1;  // of the source; -1 when the answer did not say
+    std::string hash;
+    std::uint64_t outputBytes = 0;
+};
+
+// One response as the client understands it.
+struct Answer {
+    enum Kind { UNKNOWN, IMAGES, CONNECTED, DONE } kind = UNKNOWN;
+    std::vector<std::pair<int, ImageResult>> images;  // by imageId, in the response's order
+    int minVersion = 0, currentVersion = 0;
+    bool accepted = false;
+};
+
+Answer ParseAnswer(const std::string& text);
+
+// An owned file descriptor, closed when the object goes away.
+class Fd {
+  public:
+    Fd() = default;
+    explicit Fd(int fd) : m_fd(fd) {}
+    ~Fd() { Reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd& operator=(Fd&& other) noexcept;
+
+    int Get() const { return m_fd; }
+    void Reset();
+
+  private:
+    int m_fd = -1;
+};
+
+// The service as a child process whose standard input and output are pipes to this program;
+// its standard error (where the JPEG library prints its warnings) is ours or /dev/null. It
+// runs in a process group of its own, so that a Ctrl-C at the terminal reaches only this
+// program, which then closes the service in order; it is killed if this program dies.
+// The destructor kills a service that still runs and reaps it. One thread uses it.
+class ServiceChild {
+  public:
+    ServiceChild() = default;
+    ~ServiceChild() { Kill(); }
+    ServiceChild(const ServiceChild&) = delete;
+    ServiceChild& operator=(const ServiceChild&) = delete;
+
+    // Kills a running service and starts `binary`. False when no process could be made; a
+    // binary that cannot be run shows as output that ends at once.
+    bool Start(const std::string& binary, bool showStderr);
+    int OutputFd() const { return m_out.Get(); }
+    bool InputOpen() const { return m_in.Get() >= 0; }
+    void CloseInput() { m_in.Reset(); }
+
+    // Writes all of `text`; false when the service does not take it within a few seconds.
+    bool Send(const std::string& text);
+    // Reads what the service has written so far without waiting; false once its output ended.
+    bool Read();
+    // Takes the next whole response read so far, without its separator line "*".
+    bool NextResponse(std::string& response);
+
+    // Waits until `deadline` for the service to end, then kills it; says how it ended.
+    std::string Reap(Clock::time_point deadline);
+    // Kills the service if it runs and reaps it; says how it ended.
+    std::string Kill();
+
+  private:
+    std::string Ended(int status);
+
+    pid_t m_pid = -1;
+    Fd m_in, m_out;
+    std::string m_buffer;
+};
+
+}  // namespace Varnelo
