@@ -5,14 +5,17 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <tinyxml.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
-#include "support/temp_dir.h"
+#include "crc32.h"
+#include "md5.h"
 
 namespace Varnelo {
 
@@ -156,6 +159,14 @@ int ServiceProcess::Wait(int timeoutMs) {
 
 std::string ServiceProcess::Stderr() const { return ReadFileBytes(m_stderrPath); }
 
+PrivateService::PrivateService() : m_binary(m_dir.Path("varnelo")) {
+    std::filesystem::copy_file(VARNELO_BIN, m_binary);
+}
+
+std::vector<std::string> PrivateService::LogLines() const {
+    return Lines(ReadFileBytes(LogPath()));
+}
+
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
     std::string::size_type start = 0;
@@ -170,5 +181,80 @@ std::vector<std::string> Lines(const std::string& text) {
     }
     return lines;
 }
+
+std::string Request(const std::string& method, const std::string& params) {
+    return "<?xml version=\"1.0\"?>\n<methodCall>\n<methodName>" + method + "</methodName>\n" +
+           (params.empty() ? "" : "<params>\n" + params + "</params>\n") + "</methodCall>\n*\n";
+}
+
+std::string Member(const std::string& name, const std::string& type, const std::string& text) {
+    return "<member><name>" + name + "</name><value><" + type + ">" + text + "</" + type +
+           "></value></member>";
+}
+
+std::string ImageParam(int id, const std::string& src, const std::string& dst,
+                       const std::string& more) {
+    return "<param><value><struct>" + Member("imageId", "i4", std::to_string(id)) +
+           Member("sourcePath", "string", src) + Member("destPath", "string", dst) + more +
+           "</struct></value></param>\n";
+}
+
+namespace {
+
+std::string Answer(const std::string& value) {
+    return "<methodResponse>\n <params>\n  <param>\n   <value>\n" + value +
+           "   </value>\n  </param>\n </params>\n</methodResponse>\n";
+}
+
+std::string StructMember(const std::string& name, const std::string& type,
+                         const std::string& text) {
+    return "     <member>\n      <name>" + name + "</name>\n      <value>\n       <" + type + ">" +
+           text + "</" + type + ">\n      </value>\n     </member>\n";
+}
+
+void Collect(TiXmlElement* fields, const std::string& prefix, ImageAnswer& answer) {
+    for (TiXmlElement* m = fields->FirstChildElement("member"); m != nullptr;
+         m = m->NextSiblingElement("member")) {
+        const std::string name = m->FirstChildElement("name")->GetText();
+        if (prefix.empty()) answer.members.push_back(name);
+        TiXmlElement* typed = m->FirstChildElement("value")->FirstChildElement();
+        if (std::string(typed->Value()) == "struct") {
+            Collect(typed, prefix + name + "/", answer);
+        } else {
+            answer.values[prefix + name] = typed->GetText() != nullptr ? typed->GetText() : "";
+        }
+    }
+}
+
+std::string TailHash(Hash&& hash, const std::string& path) {
+    return hash.File(path.c_str(), Hash::FROM_END, 2048) ? hash.GetResultString() : "unreadable";
+}
+
+}  // namespace
+
+const std::string kDone = Answer("    <string>done</string>\n");
+const std::string kConnected = Answer("    <struct>\n" + StructMember("minVersion", "i4", "1") +
+                                      StructMember("currentVersion", "i4", "4") +
+                                      StructMember("accepted", "boolean", "1") + "    </struct>\n");
+const std::string kNoPicasa =
+    Answer("    <struct>\n" + StructMember("picasaInstalled", "boolean", "0") + "    </struct>\n");
+
+std::vector<ImageAnswer> ImageAnswers(const std::string& response) {
+    std::vector<ImageAnswer> answers;
+    TiXmlDocument doc;
+    doc.Parse(response.c_str());
+    TiXmlElement* params =
+        TiXmlHandle(&doc).FirstChildElement("methodResponse").FirstChildElement("params").Element();
+    if (doc.Error() || params == nullptr) return answers;
+    for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
+         param = param->NextSiblingElement("param")) {
+        answers.emplace_back();
+        Collect(param->FirstChildElement("value")->FirstChildElement("struct"), "", answers.back());
+    }
+    return answers;
+}
+
+std::string TailCrc32(const std::string& path) { return "S1|" + TailHash(CRC32(), path); }
+std::string TailMd5(const std::string& path) { return "S2|" + TailHash(MD5(), path); }
 
 }  // namespace Varnelo

@@ -1,15 +1,20 @@
 #pragma once
 
+// Process-level testing: a child process started with pipes, as the client starts the service,
+// the request texts the client writes and the answers it reads back.
+
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
+#include "support/temp_dir.h"
+
 namespace Varnelo {
 
-// A child process started with pipes on its standard input and output, as the client
-// starts the service. Standard error goes to a file that Stderr() reads back.
-// The destructor kills a child that is still running and reaps it.
+// A child process started with pipes on its standard input and output. Standard error goes to
+// a file that Stderr() reads back. The destructor kills a child that still runs and reaps it.
 class ServiceProcess {
   public:
     explicit ServiceProcess(const std::string& binary, const std::vector<std::string>& args = {});
@@ -23,12 +28,11 @@ class ServiceProcess {
     void Send(const std::string& text);
     void CloseInput();
 
-    // Reads standard output until `count` responses (each ended by a line "*") have come,
-    // the output ends, or `timeoutMs` passes. Returns the responses read so far, each
-    // without its separator.
+    // Reads standard output until `count` responses (each followed by "\n*\n") have come, the
+    // output ends, or `timeoutMs` passes. Returns the responses read, without separators.
     std::vector<std::string> ReadResponses(std::size_t count, int timeoutMs = 20000);
-    // Reads standard output until it ends or `timeoutMs` passes; returns everything
-    // not yet returned by ReadResponses.
+    // Reads standard output until it ends or `timeoutMs` passes; returns what was not yet
+    // returned by ReadResponses.
     std::string ReadRest(int timeoutMs = 20000);
 
     // Waits for the child to end: its exit status, 128 + signal, or -1 after `timeoutMs`.
@@ -36,7 +40,6 @@ class ServiceProcess {
     std::string Stderr() const;
 
   private:
-    // Reads what is available within `timeoutMs`; false once the output has ended.
     bool ReadSome(int timeoutMs);
 
     pid_t m_pid;
@@ -48,7 +51,48 @@ class ServiceProcess {
     std::string m_stderrPath;
 };
 
-// A response split into its lines, for matching members in order.
+// The service copied into a private folder, so that its log file (beside the executable) lands
+// there.
+class PrivateService {
+  public:
+    PrivateService();
+    const std::string& Binary() const { return m_binary; }
+    std::string LogPath() const { return m_dir.Path("log"); }
+    std::vector<std::string> LogLines() const;
+
+  private:
+    TempDir m_dir;
+    std::string m_binary;
+};
+
+// A text split into its lines.
 std::vector<std::string> Lines(const std::string& text);
+
+// A method call framed as the client sends it, with `params` inside <params> when not empty.
+std::string Request(const std::string& method, const std::string& params = "");
+// A struct member with a typed value.
+std::string Member(const std::string& name, const std::string& type, const std::string& text);
+// An image request's <param>: imageId, sourcePath and destPath, then `more` members.
+std::string ImageParam(int id, const std::string& src, const std::string& dst,
+                       const std::string& more = "");
+
+// What the service answers, known in advance.
+extern const std::string kDone;       // upload.close, service.erase
+extern const std::string kConnected;  // upload.connect
+extern const std::string kNoPicasa;   // upload.installInfoRequest
+
+// One answered image: its top-level member names in order, and leaf texts by path
+// ("imageId", "originalImage/resolution/width", ...).
+struct ImageAnswer {
+    std::vector<std::string> members;
+    std::map<std::string, std::string> values;
+};
+// The answers of an image method's response, in order; empty when the text is not one whole
+// methodResponse document.
+std::vector<ImageAnswer> ImageAnswers(const std::string& response);
+
+// "S1|" and the CRC-32, or "S2|" and the MD5, of the last 2048 bytes of a file.
+std::string TailCrc32(const std::string& path);
+std::string TailMd5(const std::string& path);
 
 }  // namespace Varnelo
