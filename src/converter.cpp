@@ -88,138 +88,127 @@ long MemoryCap(FILE* file) {
     return kMemoryBase + size * kMemoryPerSourceByte;
 }
 
-// The decoding side of a conversion: the source file, the decompressor and its error manager.
-// Every member that calls into the library returns false when the library faulted; the object
-// is then only good for Close. The destructor releases whatever is still held.
-class JpegReader {
+// What the decoding and the encoding side of a conversion share: the library object with its
+// error manager, and the file. Close (and the destructor) destroys the object and closes the
+// file; after a fault the object is only good for that.
+template <typename Object, void (*Destroy)(Object*)>
+class JpegSide {
   public:
-    JpegReader() {
+    JpegSide() {
         InitErrorManager(m_err);
-        m_info.err = &m_err.pub;
+        m_object.err = &m_err.pub;
     }
-    ~JpegReader() { Close(); }
-    JpegReader(const JpegReader&) = delete;
-    JpegReader& operator=(const JpegReader&) = delete;
+    ~JpegSide() { Close(); }
+    JpegSide(const JpegSide&) = delete;
+    JpegSide& operator=(const JpegSide&) = delete;
 
-    // False when the file cannot be opened for reading.
-    bool Open(const std::string& path) {
-        m_file.reset(std::fopen(path.c_str(), "rb"));
-        return m_file != nullptr;
-    }
-    // Creates the decompressor on the open file, keeping in memory the segments `copy` names.
-    bool Create(JCOPY_OPTION copy) {
-        m_created = true;  // destroying a half-created object is harmless
-        return Guarded(m_err, [&] {
-            jpeg_create_decompress(&m_info);
-            m_info.mem->max_memory_to_use = MemoryCap(m_file.get());
-            jpeg_stdio_src(&m_info, m_file.get());
-            jcopy_markers_setup(&m_info, copy);
-        });
-    }
-    bool ReadHeader(int& result) {
-        return Guarded(m_err, [&] { result = jpeg_read_header(&m_info, TRUE); });
-    }
-    // Asks for RGB lines, at full size and with the library's default DCT method.
-    void DecodeToRgb() {
-        m_info.out_color_space = JCS_RGB;
-        m_info.output_components = 3;
-    }
-    bool Start(bool& started) {
-        return Guarded(m_err, [&] { started = jpeg_start_decompress(&m_info) != FALSE; });
-    }
-    bool ReadLine(CPixel* row) {
-        JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
-        return Guarded(m_err, [&] { jpeg_read_scanlines(&m_info, rows, 1); });
-    }
-    bool Finish() {
-        return Guarded(m_err, [&] { jpeg_finish_decompress(&m_info); });
-    }
     void Close() {
-        if (m_created) jpeg_destroy_decompress(&m_info);
+        if (m_created) Destroy(&m_object);
         m_created = false;
         m_file.reset();
     }
-
-    jpeg_decompress_struct& Info() { return m_info; }
+    Object& Info() { return m_object; }
     long Warnings() const { return m_err.pub.num_warnings; }
 
-  private:
+  protected:
+    // False when the file cannot be opened in `mode`.
+    bool OpenFile(const std::string& path, const char* mode) {
+        m_file.reset(std::fopen(path.c_str(), mode));
+        return m_file != nullptr;
+    }
+    // Every call into the library goes through here.
+    template <typename Call>
+    bool Guard(const Call& call) {
+        return Guarded(m_err, call);
+    }
+
     JpegErrorManager m_err;
-    jpeg_decompress_struct m_info{};
-    bool m_created = false;
+    Object m_object{};
+    bool m_created = false;  // destroying a half-created object is harmless
     File m_file;
 };
 
-// The encoding side of a conversion: the destination file, the compressor and its error
-// manager, with the same conventions as JpegReader. Encoder faults (a full disk among them)
-// fail the one image like decoder faults.
-class JpegWriter {
+// The decoding side: the source file and the decompressor. Every member that calls into the
+// library returns false when the library faulted.
+class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompress> {
   public:
-    JpegWriter() {
-        InitErrorManager(m_err);
-        m_info.err = &m_err.pub;
+    // False when the file cannot be opened for reading.
+    bool Open(const std::string& path) { return OpenFile(path, "rb"); }
+    // Creates the decompressor on the open file, keeping in memory the segments `copy` names.
+    bool Create(JCOPY_OPTION copy) {
+        m_created = true;
+        return Guard([&] {
+            jpeg_create_decompress(&m_object);
+            m_object.mem->max_memory_to_use = MemoryCap(m_file.get());
+            jpeg_stdio_src(&m_object, m_file.get());
+            jcopy_markers_setup(&m_object, copy);
+        });
     }
-    ~JpegWriter() { Close(); }
-    JpegWriter(const JpegWriter&) = delete;
-    JpegWriter& operator=(const JpegWriter&) = delete;
+    bool ReadHeader(int& result) {
+        return Guard([&] { result = jpeg_read_header(&m_object, TRUE); });
+    }
+    // Asks for RGB lines, at full size and with the library's default DCT method.
+    void DecodeToRgb() {
+        m_object.out_color_space = JCS_RGB;
+        m_object.output_components = 3;
+    }
+    bool Start(bool& started) {
+        return Guard([&] { started = jpeg_start_decompress(&m_object) != FALSE; });
+    }
+    bool ReadLine(CPixel* row) {
+        JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
+        return Guard([&] { jpeg_read_scanlines(&m_object, rows, 1); });
+    }
+    bool Finish() {
+        return Guard([&] { jpeg_finish_decompress(&m_object); });
+    }
+};
 
+// The encoding side: the destination file and the compressor, with the same conventions.
+// Encoder faults (a full disk among them) fail the one image like decoder faults.
+class JpegWriter : public JpegSide<jpeg_compress_struct, jpeg_destroy_compress> {
+  public:
     // False when the file cannot be created.
-    bool Open(const std::string& path) {
-        m_file.reset(std::fopen(path.c_str(), "wb"));
-        return m_file != nullptr;
-    }
+    bool Open(const std::string& path) { return OpenFile(path, "wb"); }
     // Creates the compressor on the open file.
     bool Create() {
         m_created = true;
-        return Guarded(m_err, [&] {
-            jpeg_create_compress(&m_info);
-            m_info.mem->max_memory_to_use = kMemoryBase;
-            jpeg_stdio_dest(&m_info, m_file.get());
+        return Guard([&] {
+            jpeg_create_compress(&m_object);
+            m_object.mem->max_memory_to_use = kMemoryBase;
+            jpeg_stdio_dest(&m_object, m_file.get());
         });
     }
     bool CopyCriticalParameters(JpegReader& source) {
-        return Guarded(m_err, [&] { jpeg_copy_critical_parameters(&source.Info(), &m_info); });
+        return Guard([&] { jpeg_copy_critical_parameters(&source.Info(), &m_object); });
     }
     // Starts a baseline image of RGB lines at `quality`. The colour space is the one
     // jpeg_set_defaults derives from the source's (greyscale stays greyscale, colour becomes
     // YCbCr); the source's quantisation tables are replaced. No JFIF header of the encoder's
     // own: the source's, if any, is copied with the other segments.
     bool Start(int width, int height, int quality) {
-        return Guarded(m_err, [&] {
-            m_info.image_width = static_cast<JDIMENSION>(width);
-            m_info.image_height = static_cast<JDIMENSION>(height);
-            jpeg_set_defaults(&m_info);
-            jpeg_set_quality(&m_info, quality, TRUE);
-            m_info.write_JFIF_header = FALSE;
-            m_info.input_components = 3;
-            m_info.in_color_space = JCS_RGB;
-            jpeg_start_compress(&m_info, TRUE);
+        return Guard([&] {
+            m_object.image_width = static_cast<JDIMENSION>(width);
+            m_object.image_height = static_cast<JDIMENSION>(height);
+            jpeg_set_defaults(&m_object);
+            jpeg_set_quality(&m_object, quality, TRUE);
+            m_object.write_JFIF_header = FALSE;
+            m_object.input_components = 3;
+            m_object.in_color_space = JCS_RGB;
+            jpeg_start_compress(&m_object, TRUE);
         });
     }
     bool WriteMarkers(JpegReader& source, JCOPY_OPTION copy) {
-        return Guarded(m_err, [&] { jcopy_markers_execute(&source.Info(), &m_info, copy); });
+        return Guard([&] { jcopy_markers_execute(&source.Info(), &m_object, copy); });
     }
     bool WriteLine(const CPixel* row) {
         // The library only reads the row.
         JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(const_cast<CPixel*>(row))};
-        return Guarded(m_err, [&] { jpeg_write_scanlines(&m_info, rows, 1); });
+        return Guard([&] { jpeg_write_scanlines(&m_object, rows, 1); });
     }
     bool Finish() {
-        return Guarded(m_err, [&] { jpeg_finish_compress(&m_info); });
+        return Guard([&] { jpeg_finish_compress(&m_object); });
     }
-    void Close() {
-        if (m_created) jpeg_destroy_compress(&m_info);
-        m_created = false;
-        m_file.reset();
-    }
-
-    long Warnings() const { return m_err.pub.num_warnings; }
-
-  private:
-    JpegErrorManager m_err;
-    jpeg_compress_struct m_info{};
-    bool m_created = false;
-    File m_file;
 };
 
 // A fault while only the source is open.

@@ -32,44 +32,36 @@ Mutex StdioTask::stdout_mutex;
 
 StdioTask::StdioTask(const std::string& request) : Task(request) {}
 
-int Task::Run(std::string& response) {
+bool Task::Answer(const char* kind, const std::function<void(const std::string&)>& write) {
+    log.Put(std::string(kind) + "::Execute", 8);
+    if (m_terminate) return false;
     const int result = m_message->Execute();
-    response = m_message->GetResponse();
-    return result;
+    const std::string response = m_message->GetResponse();
+    if (!response.empty()) write(response);
+    if (result == XML_SHUTDOWN) {
+        log.Put(std::string(kind) + "::XML_SHUTDOWN", 8);
+        m_terminate = true;
+    }
+    return true;
 }
 
 void StdioTask::Execute() {
-    log.Put("StdioTask::Execute", 8);
-    if (m_terminate) return;
-    std::string response;
-    const int result = Run(response);
-    if (!response.empty()) {
+    Answer("StdioTask", [](const std::string& response) {
         AutoLock lock(stdout_mutex);
         std::fwrite(response.data(), 1, response.size(), stdout);
         std::fwrite("\n*\n", 1, 3, stdout);
         std::fflush(stdout);
-    }
-    if (result == XML_SHUTDOWN) {
-        log.Put("StdioTask::XML_SHUTDOWN", 8);
-        m_terminate = true;
-    }
+    });
 }
 
 SocketTask::SocketTask(const std::string& request, int socket) : Task(request), m_socket(socket) {}
 
 void SocketTask::Execute() {
-    log.Put("SocketTask::Execute", 8);
-    if (m_terminate) return;
-    std::string response;
-    const int result = Run(response);
-    if (!response.empty()) {
+    const bool answered = Answer("SocketTask", [this](const std::string& response) {
         // The terminating null character goes on the wire: it marks the end of the response.
         send(m_socket, response.c_str(), response.size() + 1, 0);
-    }
-    if (result == XML_SHUTDOWN) {
-        log.Put("SocketTask::XML_SHUTDOWN", 8);
-        m_terminate = true;
-    }
+    });
+    if (!answered) return;  // a stop token leaves the socket alone
     log.Put("SocketTask::closesocket", 8);
     close(m_socket);
 }

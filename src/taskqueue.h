@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -29,9 +30,11 @@ class Task {
     bool IsTerminate() const { return m_terminate; }
 
   protected:
-    // Executes the request and takes its response text ("" when there is none); returns
-    // the XmlResult.
-    int Run(std::string& response);
+    // The steps every answering task takes: traces "<kind>::Execute"; unless this is a stop
+    // token (then it returns false at once), executes the request, hands a non-empty response
+    // to `write` and, for the close method, traces "<kind>::XML_SHUTDOWN" and marks the task
+    // terminating.
+    bool Answer(const char* kind, const std::function<void(const std::string&)>& write);
 
     std::unique_ptr<XMLRPC> m_message;
     bool m_terminate;
