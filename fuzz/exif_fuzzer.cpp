@@ -27,13 +27,20 @@ void CheckInside(const char* thumbnail, unsigned int length, const unsigned char
     if (thumbnail < begin || thumbnail + length > begin + size || length == 0) std::abort();
 }
 
-// What must survive a jump out of the library: kept in the caller's frame.
+// What must survive a jump out of the library: kept in the caller's frame. The encoder writes
+// into `sink`, which throws every full buffer away.
 struct Library {
     jpeg_error_mgr err;
     std::jmp_buf jump;
-    unsigned char* out = nullptr;
-    unsigned long outSize = 0;
+    jpeg_destination_mgr sink;
+    JOCTET buffer[4096];
 };
+
+void Rewind(j_compress_ptr cinfo) {
+    Library* library = static_cast<Library*>(cinfo->client_data);
+    library->sink.next_output_byte = library->buffer;
+    library->sink.free_in_buffer = sizeof library->buffer;
+}
 
 void Fault(j_common_ptr cinfo) { std::longjmp(static_cast<Library*>(cinfo->client_data)->jump, 1); }
 
@@ -61,7 +68,13 @@ void ThroughTheLibrary(const std::string& jpeg, jpeg_decompress_struct& src,
                 break;
             }
         }
-        jpeg_mem_dest(&dst, &library.out, &library.outSize);
+        library.sink.init_destination = Rewind;
+        library.sink.empty_output_buffer = [](j_compress_ptr cinfo) -> boolean {
+            Rewind(cinfo);
+            return TRUE;
+        };
+        library.sink.term_destination = [](j_compress_ptr) {};
+        dst.dest = &library.sink;
         jpeg_copy_critical_parameters(&src, &dst);
         dst.image_width = 7;
         dst.image_height = 5;
@@ -75,7 +88,6 @@ void ThroughTheLibrary(const std::string& jpeg, jpeg_decompress_struct& src,
     }
     jpeg_destroy_compress(&dst);
     jpeg_destroy_decompress(&src);
-    std::free(library.out);
 }
 
 }  // namespace
