@@ -46,10 +46,24 @@ class CResizer {
     int m_readyLines;
 };
 
+// The instruction sets the area-averaging reducer's per-line loops can run on. Every path
+// yields the same bytes; RESIZER_PATH_PLAIN is portable C++, the others exist on x86-64 only.
+enum ResizerPath {
+    RESIZER_PATH_BEST = -1,  // the widest path this CPU can run
+    RESIZER_PATH_PLAIN = 0,
+    RESIZER_PATH_SSE2 = 1,
+    RESIZER_PATH_AVX2 = 2,
+};
+
+// True when this build and this CPU can run `path` (RESIZER_PATH_BEST always).
+bool ResizerPathAvailable(ResizerPath path);
+
 // The resizer for a TypeOfResizer: CResizerDirty (nearest sample), CResizerTidy (smoothing
-// trapezoid mean) or CResizerReduces (area-averaging reducer); null for any other value.
+// trapezoid mean) or CResizerReduces (area-averaging reducer); null for any other value. The
+// reducer runs its loops on `path` when available, else on the best one; the other two resizers
+// always run plain C++.
 std::unique_ptr<CResizer> CreateResizer(int type, int srcWidth, int srcHeight, int dstWidth,
-                                        int dstHeight);
+                                        int dstHeight, ResizerPath path = RESIZER_PATH_BEST);
 // The class name of the resizer CreateResizer makes for `type` ("CResizerReduces", ...), or null
 // for a type it refuses.
 const char* ResizerName(int type);
