@@ -578,7 +578,6 @@ void CResizerReduces::Init() {
         start = end;
     }
     m_firstPixel.clear();
-    m_means.clear();
     m_weights.assign(footprints.size() * static_cast<size_t>(m_taps), 0);
     for (size_t x = 0; x < footprints.size(); ++x) {
         const Footprint& f = footprints[x];
@@ -590,13 +589,36 @@ void CResizerReduces::Init() {
         for (int k = 1; k <= f.inner; ++k) w[f.first + k - window] += 256;
         w[f.last - window] += f.w1;  // the same pixel as w0 when the footprint is inside one
         m_firstPixel.push_back(window);
-        m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
+    }
+
+    // The vector loops take their own table, and divide by float reciprocals when every
+    // divisor allows; the tables of the plain loops below are then never built.
+    m_rowReciprocals.clear();
+    if (m_kernels != nullptr && !m_table.Build(m_taps, m_firstPixel, m_weights)) {
+        m_kernels = nullptr;
+    }
+    if (m_kernels != nullptr) {
+        std::vector<uint32_t>().swap(m_weights);
+        m_insideColumns = m_table.ColumnsInside(m_srcWidth);
+        m_tailStart = m_table.TailStart(m_srcWidth);
+        m_tail.assign(
+            3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
+        m_innerRows.assign(m_lineCount, nullptr);
+        for (const Footprint& f : footprints) {
+            if (BoxDivisor(f.len) >= kReciprocalDivisors) {
+                m_rowReciprocals.clear();
+                break;
+            }
+            m_rowReciprocals.insert(m_rowReciprocals.end(), 3, Reciprocal(BoxDivisor(f.len)));
+        }
+        if (!m_rowReciprocals.empty()) return;
     }
 
     // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
     // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
     // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
-    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32.
+    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32. Failing
+    // that, each column divides on its own.
     m_rowMul.clear();
     m_rowLimit.clear();
     m_rowShift = 0;
@@ -611,31 +633,14 @@ void CResizerReduces::Init() {
         m_rowMul.insert(m_rowMul.end(), 3, static_cast<uint32_t>(m));
         m_rowLimit.insert(m_rowLimit.end(), 3, static_cast<uint32_t>(256 * d - 1));
     }
+    m_means.clear();
     if (rowQuotients) {
         m_rowShift = shift;
-    } else {
-        m_rowMul.clear();
-        m_rowLimit.clear();
+        return;
     }
-
-    if (m_kernels != nullptr && !m_table.Build(m_taps, m_firstPixel, m_weights))
-        m_kernels = nullptr;
-    if (m_kernels != nullptr) {
-        std::vector<uint32_t>().swap(m_weights);  // the vector table replaces it
-        m_insideColumns = m_table.ColumnsInside(m_srcWidth);
-        m_tailStart = m_table.TailStart(m_srcWidth);
-        m_tail.assign(
-            3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
-        m_innerRows.assign(m_lineCount, nullptr);
-        m_rowReciprocals.clear();
-        for (const Footprint& f : footprints) {
-            if (BoxDivisor(f.len) >= kReciprocalDivisors) {
-                m_rowReciprocals.clear();
-                break;
-            }
-            m_rowReciprocals.insert(m_rowReciprocals.end(), 3, Reciprocal(BoxDivisor(f.len)));
-        }
-    }
+    m_rowMul.clear();
+    m_rowLimit.clear();
+    for (const Footprint& f : footprints) m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
 }
 
 namespace {
