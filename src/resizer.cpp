@@ -604,8 +604,9 @@ void CResizerReduces::Init() {
         m_tail.assign(
             3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
         m_innerRows.assign(m_lineCount, nullptr);
+        // Windows of at most 64 weights of at most 511 keep every sum below 2^23.
         for (const Footprint& f : footprints) {
-            if (BoxDivisor(f.len) >= kReciprocalDivisors) {
+            if (BoxDivisor(f.len) >= kReciprocalDivisors || m_taps > 64) {
                 m_rowReciprocals.clear();
                 break;
             }

@@ -2,7 +2,8 @@
 
 // The area-averaging reducer's per-line loops in vector instructions (SSE2, and AVX2 where the
 // CPU has it), beside the plain C++ loops in resizer.cpp that they must match byte for byte.
-// Internal to the resizers; the tests reach the versions through CreateResizer's path argument.
+// Internal to the resizers: the tests reach the versions through CreateResizer's path argument,
+// and check the float quotients through VectorKernels.
 //
 // Threads: the functions keep no state; tables are built once per resizer and only read.
 
@@ -92,7 +93,8 @@ struct ReducerKernels {
     void (*rowQuotients)(unsigned char* out, const uint32_t* sums, const float* reciprocals, int n);
     // out[i] = QuotientByReciprocal(first[i] * w0 + 256 * sum of inner[k][i] + last[i] * w1,
     // reciprocal) for i < n.
-    // REQUIRES: innerCount <= 257, w0 and w1 <= 256, the reciprocal as for rowQuotients.
+    // REQUIRES: innerCount <= 257, w0 and w1 <= 256, the reciprocal as for rowQuotients, and
+    // every such sum below 2^23 (as when the weights add up to the divisor).
     void (*columnMeans)(unsigned char* out, const unsigned char* first,
                         const unsigned char* const* inner, int innerCount,
                         const unsigned char* last, uint32_t w0, uint32_t w1, float reciprocal,
