@@ -73,8 +73,11 @@ inline __m128i PairWords(__m128i a, __m128i b) {
     return _mm_unpacklo_epi8(_mm_unpacklo_epi8(a, b), _mm_setzero_si128());
 }
 
-void FilterSse2(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
-                int end, uint32_t* sums) {
+// Columns [begin, end), one at a time; Pairs: the tap pairs used in each run, 3 unless a single
+// run has fewer taps.
+template <int Pairs>
+void FilterColumnsSse2(const ReducerFilterTable& table, const unsigned char* src, int origin,
+                       int begin, int end, uint32_t* sums) {
     const int chunks = table.chunks;
     for (int x = begin; x < end; ++x) {
         const unsigned char* p = src + 3 * (table.firstPixel[x] - origin);
@@ -86,15 +89,36 @@ void FilterSse2(const ReducerFilterTable& table, const unsigned char* src, int o
             const __m128i* wv = reinterpret_cast<const __m128i*>(w);
             acc = _mm_add_epi32(
                 acc, _mm_madd_epi16(PairWords(px, _mm_srli_si128(px, 3)), _mm_loadu_si128(wv)));
-            acc = _mm_add_epi32(
-                acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 6), _mm_srli_si128(px, 9)),
-                                    _mm_loadu_si128(wv + 2)));
-            acc = _mm_add_epi32(
-                acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 12), _mm_srli_si128(px, 15)),
-                                    _mm_loadu_si128(wv + 4)));
+            if (Pairs > 1) {
+                acc = _mm_add_epi32(
+                    acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 6), _mm_srli_si128(px, 9)),
+                                        _mm_loadu_si128(wv + 2)));
+            }
+            if (Pairs > 2) {
+                acc = _mm_add_epi32(
+                    acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 12), _mm_srli_si128(px, 15)),
+                                        _mm_loadu_si128(wv + 4)));
+            }
         }
         // {r, g, b, 0}: the fourth lane is overwritten by the next column.
         _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 3 * x), acc);
+    }
+}
+
+// Tap pairs a run needs: all three, unless the window is a single run of at most four taps.
+inline int PairsPerRun(const ReducerFilterTable& table) {
+    return table.chunks == 1 ? (table.taps + 1) / 2 : 3;
+}
+
+void FilterSse2(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
+                int end, uint32_t* sums) {
+    switch (PairsPerRun(table)) {
+        case 1:
+            return FilterColumnsSse2<1>(table, src, origin, begin, end, sums);
+        case 2:
+            return FilterColumnsSse2<2>(table, src, origin, begin, end, sums);
+        default:
+            return FilterColumnsSse2<3>(table, src, origin, begin, end, sums);
     }
 }
 
@@ -230,7 +254,7 @@ VARNELO_AVX2 void FilterAvx2(const ReducerFilterTable& table, const unsigned cha
         FilterSse2(table, src, origin, x, x + 1, sums);
         ++x;
     }
-    const int pairs = table.chunks == 1 ? (table.taps + 1) / 2 : 3;
+    const int pairs = PairsPerRun(table);
     const int last = x + (end - x) / 2 * 2;
     if (pairs == 1) {
         FilterColumnPairsAvx2<1, 1>(table, src, origin, x, last, sums);
