@@ -1,5 +1,6 @@
 #include "converter.h"
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -69,11 +70,22 @@ class RunningConversion {
     RunningConversion& operator=(const RunningConversion&) = delete;
 };
 
+// The processors this process may run on (its affinity mask, which a container or taskset may
+// narrow), or the processors online when that cannot be read.
+int UsableProcessors() {
+#if defined(__linux__)
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0) return CPU_COUNT(&set);
+#endif
+    return GetNumOfCores();
+}
+
 // Whether the conversion about to scale its lines should decode on one thread and scale and
 // encode on another. Counting itself, it overlaps only while every running conversion can
 // have a processor to itself and one is left over.
 bool Overlaps() {
-    static const int cores = GetNumOfCores();
+    static const int cores = UsableProcessors();
     switch (g_overlap.load()) {
         case CONVERT_OVERLAP_NEVER:
             return false;
