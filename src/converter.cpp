@@ -1,15 +1,23 @@
 #include "converter.h"
 
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <climits>
 #include <csetjmp>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 // jpeglib.h needs size_t and FILE declared before it.
@@ -21,6 +29,7 @@
 #include "log.h"
 #include "md5.h"
 #include "pixel.h"
+#include "thread.h"
 
 namespace Varnelo {
 
@@ -45,6 +54,47 @@ const long kMemoryPerSourceByte = 64;
 
 // The result that tells ConvertFileThumbnail to fall back to a full conversion.
 const int kThumbnailNotWritten = -1;
+
+// The decoded lines in flight between the decoding and the scaling thread of a conversion.
+const size_t kRelayBytes = 512 << 10;
+
+std::atomic<int> g_overlap{CONVERT_OVERLAP_AUTO};
+// Conversions running in this process, for CONVERT_OVERLAP_AUTO.
+std::atomic<int> g_running{0};
+
+class RunningConversion {
+  public:
+    RunningConversion() { ++g_running; }
+    ~RunningConversion() { --g_running; }
+    RunningConversion(const RunningConversion&) = delete;
+    RunningConversion& operator=(const RunningConversion&) = delete;
+};
+
+// The processors this process may run on (its affinity mask, which a container or taskset may
+// narrow), or the processors online when that cannot be read.
+int UsableProcessors() {
+#if defined(__linux__)
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0) return CPU_COUNT(&set);
+#endif
+    return GetNumOfCores();
+}
+
+// Whether the conversion about to scale its lines should decode on one thread and scale and
+// encode on another. Counting itself, it overlaps only while every running conversion can
+// have a processor to itself and one is left over.
+bool Overlaps() {
+    static const int cores = UsableProcessors();
+    switch (g_overlap.load()) {
+        case CONVERT_OVERLAP_NEVER:
+            return false;
+        case CONVERT_OVERLAP_ALWAYS:
+            return true;
+        default:
+            return g_running.load() < cores;
+    }
+}
 
 void Trace(const std::string& text) { log.Put(text, 14); }
 
@@ -211,6 +261,142 @@ class JpegWriter : public JpegSide<jpeg_compress_struct, jpeg_destroy_compress> 
     }
 };
 
+// Maps the pages of a fresh buffer in one call, before its first lines are written into them
+// one page fault at a time; on virtual machines a fault costs as much as decoding part of a
+// line. Where the system cannot, the pages are faulted in as before.
+void Prefault(void* buffer, size_t bytes) {
+#ifdef MADV_POPULATE_WRITE
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(buffer) + page - 1) / page * page;
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(buffer) + bytes) / page * page;
+    if (end > begin) {
+        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+    }
+#else
+    (void)buffer;
+    (void)bytes;
+#endif
+}
+
+// Hands decoded source lines from the thread that decodes them to the thread that scales and
+// encodes them, through a ring of line buffers of width + 2 pixels (PumpRows pads them).
+// Scaling and encoding a line takes a fraction of the time its decoding does, so the scaler
+// polls: when it has caught up it sleeps for about the time a few lines take to decode. The
+// decoder thus never pays for waking it, which on virtual machines costs about as much as
+// decoding a line; it only sleeps itself in the rare case that the ring is full. Either side
+// may end the hand-over early.
+// Threads: one producer calls Free, Publish and Finish; one consumer calls Next and Stop.
+class LineRelay {
+  public:
+    explicit LineRelay(int width)
+        : m_stride(static_cast<size_t>(width) + 2),
+          m_slots(static_cast<int64_t>(
+              std::min<size_t>(64, std::max<size_t>(8, kRelayBytes / (3 * m_stride))))),
+          m_bytes(new unsigned char[3 * m_stride * static_cast<size_t>(m_slots)]) {
+        Prefault(m_bytes.get(), 3 * m_stride * static_cast<size_t>(m_slots));
+    }
+    LineRelay(const LineRelay&) = delete;
+    LineRelay& operator=(const LineRelay&) = delete;
+
+    // A buffer for the next line, once one is free; null when the consumer has stopped.
+    CPixel* Free() {
+        while (m_published - m_released.load(std::memory_order_acquire) == m_slots) {
+            if (m_state.load(std::memory_order_acquire) == STOPPED) return nullptr;
+            Pause();
+        }
+        return m_state.load(std::memory_order_acquire) == STOPPED ? nullptr : Slot(m_published);
+    }
+    // The buffer from Free holds the next line.
+    void Publish() { m_publishedShared.store(++m_published, std::memory_order_release); }
+    // No more lines will come; `complete` when every line came.
+    void Finish(bool complete) {
+        m_state.store(complete ? COMPLETE : FAILED, std::memory_order_release);
+    }
+    // Releases the line taken last and takes the next one, once it is there; null when the
+    // producer finished without it or failed.
+    CPixel* Next() {
+        m_released.store(m_taken, std::memory_order_release);
+        for (;;) {
+            // The state is read before the count, so a COMPLETE seen here covers every line.
+            const int state = m_state.load(std::memory_order_acquire);
+            if (state == FAILED) return nullptr;
+            if (m_taken < m_publishedShared.load(std::memory_order_acquire)) break;
+            if (state == COMPLETE) return nullptr;
+            Pause();
+        }
+        return Slot(m_taken++);
+    }
+    // Takes no more lines: the producer's next Free returns null.
+    void Stop() { m_state.store(STOPPED, std::memory_order_release); }
+
+  private:
+    enum State { RUNNING, COMPLETE, FAILED, STOPPED };
+
+    static void Pause() { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
+    // Rows are scanlines, written by the library as bytes (like every CPixel row).
+    CPixel* Slot(int64_t line) {
+        return reinterpret_cast<CPixel*>(
+            &m_bytes[3 * m_stride * static_cast<size_t>(line % m_slots)]);
+    }
+
+    const size_t m_stride;
+    const int64_t m_slots;
+    std::unique_ptr<unsigned char[]> m_bytes;  // left uninitialised, so untouched until Prefault
+    int64_t m_published = 0;                   // the producer's own count of lines filled
+    int64_t m_taken = 0;                       // the consumer's own count of lines taken
+    std::atomic<int64_t> m_publishedShared{0};
+    std::atomic<int64_t> m_released{0};  // lines the consumer is done with: all taken but the last
+    std::atomic<int> m_state{RUNNING};
+};
+
+// The lines of a conversion, decoded, scaled and encoded on this thread.
+bool PumpSerial(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int srcw, int srch,
+                int dsth, const CPixel* blackRow) {
+    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
+    return PumpLines(
+        resizer, srcw, srch, dsth, srcRow.data(), blackRow,
+        [&reader](CPixel* row) { return reader.ReadLine(row); },
+        [&writer](const CPixel* row) { return writer.WriteLine(row); },
+        [] { Trace("Resizer not another output line"); });
+}
+
+// The lines of a conversion, decoded on this thread while a second one scales and encodes those
+// already decoded; each library object is used by one of the two threads only. Does it all on
+// this thread when no second thread can be had.
+bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int srcw, int srch,
+                    int dsth, const CPixel* blackRow) {
+    LineRelay relay(srcw);
+    bool written = false;
+    std::exception_ptr failure;
+    std::thread scaler;
+    try {
+        scaler = std::thread([&] {
+            try {
+                written = PumpRows(
+                    resizer, srcw, srch, dsth, blackRow, [&relay] { return relay.Next(); },
+                    [&writer](const CPixel* row) { return writer.WriteLine(row); },
+                    [] { Trace("Resizer not another output line"); });
+            } catch (...) {
+                failure = std::current_exception();  // allocation failure, rethrown below
+            }
+            relay.Stop();
+        });
+    } catch (const std::system_error&) {
+        return PumpSerial(reader, writer, resizer, srcw, srch, dsth, blackRow);
+    }
+    bool read = true;
+    for (int y = 0; y < srch && read; ++y) {
+        CPixel* row = relay.Free();
+        if (row == nullptr) break;  // the scaler stopped: the encoder faulted
+        read = reader.ReadLine(row);
+        if (read) relay.Publish();
+    }
+    relay.Finish(read);
+    scaler.join();
+    if (failure) std::rethrow_exception(failure);
+    return read && written;
+}
+
 // A fault while only the source is open.
 int SourceFault(JpegReader& reader, const char* text) {
     log.Put(text, 10);
@@ -359,9 +545,12 @@ void custom_error_exit(jpeg_common_struct* cinfo) {
     std::longjmp(*jump, 1);
 }
 
+void SetConvertOverlap(ConvertOverlap mode) { g_overlap.store(mode); }
+
 int ConvertFile(const std::string& src, const std::string& dst, int size, int quality,
                 int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
                 TypeOfResizer resizerType, bool omitEXIF) {
+    const RunningConversion running;
     if (src.empty() || dst.empty() || src == dst) return CR_RESAMPLING_ERROR;
     // An unknown resizer is refused before any file is opened.
     const char* resizerName = ResizerName(resizerType);
@@ -423,17 +612,13 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     if (!writer.WriteMarkers(reader, copy)) return ConversionFault(reader, writer);
 
     Trace("Resizing...");
-    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
     std::vector<CPixel> blackRow(static_cast<size_t>(out.width));
-    const bool pumped = PumpLines(
-        *resizer, srcw, srch, out.height, srcRow.data(), blackRow.data(),
-        [&reader](CPixel* row) { return reader.ReadLine(row); },
-        [&writer](const CPixel* row) { return writer.WriteLine(row); },
-        [] { Trace("Resizer not another output line"); });
-    if (!pumped) return ConversionFault(reader, writer);
+    const auto pump = Overlaps() ? PumpOverlapped : PumpSerial;
+    if (!pump(reader, writer, *resizer, srcw, srch, out.height, blackRow.data())) {
+        return ConversionFault(reader, writer);
+    }
     Trace("Delete resizer");
     resizer.reset();
-    std::vector<CPixel>().swap(srcRow);
     std::vector<CPixel>().swap(blackRow);
 
     Trace("Close output file");

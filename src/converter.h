@@ -6,8 +6,9 @@
 // when there is one; and the JPEG library's fatal-error hook that both rely on.
 //
 // Threads: every call owns all of its state (library objects, error managers, files,
-// resizer, buffers, hash) for its own length; calls on different threads share only the
-// logger. Nothing throws out of a conversion except allocation failure.
+// resizer, buffers, hash) for its own length, and may run part of its work on a second thread
+// of its own (see ConvertOverlap); calls on different threads share only the logger and a
+// count of running conversions. Nothing throws out of a conversion except allocation failure.
 
 #include <string>
 
@@ -29,6 +30,15 @@ enum ConvertResult {
     CR_LESS_THAN_REQUESTED = 5,  // the source is not larger than asked; nothing written
     CR_INTERNAL_ERROR = 6,       // reserved for callers; never returned by the conversions
 };
+
+// Whether a conversion decodes its source on its own thread while a second thread scales and
+// encodes the lines already decoded. AUTO overlaps only while fewer conversions than
+// processors are running, so that a lone photo takes an idle processor and a busy service keeps
+// one thread per conversion; NEVER and ALWAYS force it, for tests and measurements.
+enum ConvertOverlap { CONVERT_OVERLAP_AUTO, CONVERT_OVERLAP_NEVER, CONVERT_OVERLAP_ALWAYS };
+
+// Sets the overlap policy of every conversion that starts from now on (AUTO at start-up).
+void SetConvertOverlap(ConvertOverlap mode);
 
 // The error_exit hook of every library object the conversions create: logs
 // "custom_error_exit (1)" at level 10 and returns to the conversion, which cleans up and reports

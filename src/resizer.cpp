@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "log.h"
+#include "resizer_kernels.h"
 
 namespace Varnelo {
 
@@ -25,29 +26,6 @@ class CResizerDirty : public CResizer {
     // m_sourceColumn[j] is the source pixel copied into destination pixel j. The selector may
     // fill fewer than m_dstWidth pixels; the rest are never written and stay black.
     std::vector<int> m_sourceColumn;
-};
-
-// The resamplers' "divide the 32-bit sum, truncating toward zero, then Norm and Get", done as a
-// multiplication and a shift so that no pixel needs a hardware division. A sum that is negative
-// read as signed gives 0; otherwise floor(sum / divisor) clamped to 255. Exact for every sum
-// and every divisor in [1, 2^32): with k = 31 + ceil(log2 d) and m = ceil(2^k / d),
-// floor(s / d) == (s * m) >> k for all s < 2^31 (the error m*d - 2^k stays below d), and m is
-// below 2^32. Sums are clamped to 256 * d - 1 first, so the quotient needs no clamp after; the
-// whole is 32-bit compares and one 32 x 32 -> 64-bit multiplication, which vectorises.
-class ClampedQuotient {
-  public:
-    ClampedQuotient() : ClampedQuotient(1) {}
-    explicit ClampedQuotient(uint32_t divisor);
-
-    uint8_t Of(uint32_t sum) const {
-        const uint32_t s = static_cast<int32_t>(sum) < 0 ? 0 : (sum < m_limit ? sum : m_limit);
-        return static_cast<uint8_t>((static_cast<uint64_t>(s) * m_mul) >> m_shift);
-    }
-
-  private:
-    uint32_t m_limit;
-    uint32_t m_mul;
-    unsigned m_shift;
 };
 
 // A fixed set of equally wide line buffers in one block, used as a queue: Row(0) is the oldest
@@ -127,7 +105,7 @@ class CResizerTidy : public CResizer {
 // (and near-doubled values) and the caller pads. Never more than dstHeight lines are handed out.
 class CResizerReduces : public CResizer {
   public:
-    CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight);
+    CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight, ResizerPath path);
     void SetSourceLine(const CPixel* src) override;
     bool NewDestinationLine() override;
     CPixel* GetDestinationLinePointer() override;
@@ -156,6 +134,16 @@ class CResizerReduces : public CResizer {
     std::vector<uint32_t> m_rowLimit;
     unsigned m_rowShift;
     std::vector<uint32_t> m_sums;  // per-sample scratch: the sums across, then down
+    // The vector loops, or null for the plain ones above. Their filter reads each window with
+    // 16-byte loads: columns from m_insideColumns on, whose loads would pass the line's end, read
+    // a copy of the line from pixel m_tailStart on, padded to take them.
+    const ReducerKernels* m_kernels;
+    ReducerFilterTable m_table;
+    int m_insideColumns;
+    int m_tailStart;
+    std::vector<unsigned char> m_tail;
+    std::vector<const unsigned char*> m_innerRows;  // the column pass's whole rows
+    std::vector<float> m_rowReciprocals;            // per sample; empty when a divisor is too large
 };
 
 namespace {
@@ -163,6 +151,9 @@ namespace {
 // Rows are walked as flat arrays of 8-bit samples (R, G, B, R, ...): CPixel is exactly three
 // bytes, and per-sample loops over a whole row are what the compiler vectorises.
 inline unsigned char* Samples(CPixel* row) { return reinterpret_cast<unsigned char*>(row); }
+inline const unsigned char* Samples(const CPixel* row) {
+    return reinterpret_cast<const unsigned char*>(row);
+}
 
 inline int ClampIndex(int64_t i, int size) {
     return static_cast<int>(std::min<int64_t>(std::max<int64_t>(i, 0), size - 1));
@@ -182,6 +173,18 @@ inline unsigned CeilLog2(uint64_t d) {
     unsigned bits = 0;
     while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
     return bits;
+}
+
+// The reducer's vector loops for `path`: the widest the CPU has for RESIZER_PATH_BEST, null for
+// plain C++ (also when the path does not exist here).
+const ReducerKernels* KernelsFor(ResizerPath path) {
+    if (path == RESIZER_PATH_BEST) {
+        const ReducerKernels* best = VectorKernels(RESIZER_PATH_AVX2);
+        return best != nullptr ? best : VectorKernels(RESIZER_PATH_SSE2);
+    }
+    if (path == RESIZER_PATH_PLAIN) return nullptr;
+    const ReducerKernels* kernels = VectorKernels(path);
+    return kernels != nullptr ? kernels : KernelsFor(RESIZER_PATH_BEST);
 }
 
 // The box sum divides by the footprint length. A footprint shorter than 1/256 of a pixel
@@ -271,13 +274,6 @@ void FinishInside(unsigned char* __restrict out, const unsigned char* __restrict
 
 }  // namespace
 
-ClampedQuotient::ClampedQuotient(uint32_t divisor) {
-    const uint64_t d = divisor == 0 ? 1 : divisor;  // callers never divide by 0
-    m_shift = 31 + CeilLog2(d);
-    m_mul = static_cast<uint32_t>(((uint64_t(1) << m_shift) + d - 1) / d);
-    m_limit = static_cast<uint32_t>(std::min<uint64_t>(256 * d - 1, 0x7FFFFFFF));
-}
-
 CLineRing::CLineRing(int count, int width)
     : m_count(std::max(count, 1)),
       m_width(std::max(width, 0)),
@@ -301,12 +297,20 @@ namespace {
 // The resizers by TypeOfResizer, with the names the conversion's trace shows.
 struct ResizerKind {
     const char* name;
-    std::unique_ptr<CResizer> (*make)(int srcWidth, int srcHeight, int dstWidth, int dstHeight);
+    std::unique_ptr<CResizer> (*make)(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                                      ResizerPath path);
 };
 
 template <typename Resizer>
-std::unique_ptr<CResizer> Make(int srcWidth, int srcHeight, int dstWidth, int dstHeight) {
+std::unique_ptr<CResizer> Make(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                               ResizerPath) {
     return std::make_unique<Resizer>(srcWidth, srcHeight, dstWidth, dstHeight);
+}
+
+template <>
+std::unique_ptr<CResizer> Make<CResizerReduces>(int srcWidth, int srcHeight, int dstWidth,
+                                                int dstHeight, ResizerPath path) {
+    return std::make_unique<CResizerReduces>(srcWidth, srcHeight, dstWidth, dstHeight, path);
 }
 
 const ResizerKind kResizers[] = {
@@ -322,10 +326,15 @@ const ResizerKind* KindOf(int type) {
 
 }  // namespace
 
+bool ResizerPathAvailable(ResizerPath path) {
+    return path == RESIZER_PATH_BEST || path == RESIZER_PATH_PLAIN ||
+           VectorKernels(path) != nullptr;
+}
+
 std::unique_ptr<CResizer> CreateResizer(int type, int srcWidth, int srcHeight, int dstWidth,
-                                        int dstHeight) {
+                                        int dstHeight, ResizerPath path) {
     const ResizerKind* kind = KindOf(type);
-    return kind != nullptr ? kind->make(srcWidth, srcHeight, dstWidth, dstHeight) : nullptr;
+    return kind != nullptr ? kind->make(srcWidth, srcHeight, dstWidth, dstHeight, path) : nullptr;
 }
 
 const char* ResizerName(int type) {
@@ -505,7 +514,8 @@ CPixel* CResizerTidy::GetDestinationLinePointer() {
 // ---------------------------------------------------------------------------------------------
 // Area-averaging reducer
 
-CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
+CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                                 ResizerPath path)
     : CResizer(srcWidth, srcHeight, dstWidth, dstHeight),
       m_start(0),
       m_end(0),
@@ -516,7 +526,10 @@ CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int 
       m_produced(0),
       m_lines(m_lineCount, dstWidth),
       m_taps(1),
-      m_rowShift(0) {
+      m_rowShift(0),
+      m_kernels(KernelsFor(path)),
+      m_insideColumns(0),
+      m_tailStart(0) {
     Init();
 }
 
@@ -531,7 +544,8 @@ void CResizerReduces::Init() {
     m_rem = m_step;
     m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
     m_rem %= static_cast<uint32_t>(m_dstHeight);
-    m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3, 0);
+    // The vector filter stores four sums per column, the fourth overwritten by the next one.
+    m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3 + 1, 0);
 
     // The horizontal footprints are the same for every line: run the Bresenham division once,
     // then lay each footprint out as weights over a window of m_taps pixels inside the line.
@@ -564,7 +578,6 @@ void CResizerReduces::Init() {
         start = end;
     }
     m_firstPixel.clear();
-    m_means.clear();
     m_weights.assign(footprints.size() * static_cast<size_t>(m_taps), 0);
     for (size_t x = 0; x < footprints.size(); ++x) {
         const Footprint& f = footprints[x];
@@ -576,13 +589,37 @@ void CResizerReduces::Init() {
         for (int k = 1; k <= f.inner; ++k) w[f.first + k - window] += 256;
         w[f.last - window] += f.w1;  // the same pixel as w0 when the footprint is inside one
         m_firstPixel.push_back(window);
-        m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
+    }
+
+    // The vector loops take their own table, and divide by float reciprocals when every
+    // divisor allows; the tables of the plain loops below are then never built.
+    m_rowReciprocals.clear();
+    if (m_kernels != nullptr && !m_table.Build(m_taps, m_firstPixel, m_weights)) {
+        m_kernels = nullptr;
+    }
+    if (m_kernels != nullptr) {
+        std::vector<uint32_t>().swap(m_weights);
+        m_insideColumns = m_table.ColumnsInside(m_srcWidth);
+        m_tailStart = m_table.TailStart(m_srcWidth);
+        m_tail.assign(
+            3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
+        m_innerRows.assign(m_lineCount, nullptr);
+        // Windows of at most 64 weights of at most 511 keep every sum below 2^23.
+        for (const Footprint& f : footprints) {
+            if (BoxDivisor(f.len) >= kReciprocalDivisors || m_taps > 64) {
+                m_rowReciprocals.clear();
+                break;
+            }
+            m_rowReciprocals.insert(m_rowReciprocals.end(), 3, Reciprocal(BoxDivisor(f.len)));
+        }
+        if (!m_rowReciprocals.empty()) return;
     }
 
     // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
     // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
     // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
-    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32.
+    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32. Failing
+    // that, each column divides on its own.
     m_rowMul.clear();
     m_rowLimit.clear();
     m_rowShift = 0;
@@ -597,12 +634,14 @@ void CResizerReduces::Init() {
         m_rowMul.insert(m_rowMul.end(), 3, static_cast<uint32_t>(m));
         m_rowLimit.insert(m_rowLimit.end(), 3, static_cast<uint32_t>(256 * d - 1));
     }
+    m_means.clear();
     if (rowQuotients) {
         m_rowShift = shift;
-    } else {
-        m_rowMul.clear();
-        m_rowLimit.clear();
+        return;
     }
+    m_rowMul.clear();
+    m_rowLimit.clear();
+    for (const Footprint& f : footprints) m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
 }
 
 namespace {
@@ -640,15 +679,27 @@ void RowQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums
 
 void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) {
     const int n = static_cast<int>(m_firstPixel.size());
-    const int* first = m_firstPixel.data();
-    const uint32_t* w = m_weights.data();
     uint32_t* sums = m_sums.data();
-    // Windows of up to 8 pixels run a loop of fixed length; wider ones the general loop.
-    using Filter = void (*)(const CPixel*, uint32_t*, int, int, const int*, const uint32_t*);
-    static const Filter kFilters[] = {FilterLine<0>, FilterLine<1>, FilterLine<2>,
-                                      FilterLine<3>, FilterLine<4>, FilterLine<5>,
-                                      FilterLine<6>, FilterLine<7>, FilterLine<8>};
-    kFilters[m_taps >= 1 && m_taps <= 8 ? m_taps : 0](src, sums, n, m_taps, first, w);
+    if (m_kernels != nullptr) {
+        const unsigned char* line = Samples(src);
+        m_kernels->filter(m_table, line, 0, 0, m_insideColumns, sums);
+        if (m_insideColumns < n) {
+            std::copy(line + 3 * m_tailStart, line + 3 * m_srcWidth, m_tail.begin());
+            m_kernels->filter(m_table, m_tail.data(), m_tailStart, m_insideColumns, n, sums);
+        }
+    } else {
+        // Windows of up to 8 pixels run a loop of fixed length; wider ones the general loop.
+        using Filter = void (*)(const CPixel*, uint32_t*, int, int, const int*, const uint32_t*);
+        static const Filter kFilters[] = {FilterLine<0>, FilterLine<1>, FilterLine<2>,
+                                          FilterLine<3>, FilterLine<4>, FilterLine<5>,
+                                          FilterLine<6>, FilterLine<7>, FilterLine<8>};
+        kFilters[m_taps >= 1 && m_taps <= 8 ? m_taps : 0](src, sums, n, m_taps, m_firstPixel.data(),
+                                                          m_weights.data());
+    }
+    if (!m_rowReciprocals.empty()) {
+        m_kernels->rowQuotients(Samples(dst), sums, m_rowReciprocals.data(), 3 * n);
+        return;
+    }
     if (!m_rowMul.empty()) {
         RowQuotients(Samples(dst), sums, m_rowMul.data(), m_rowLimit.data(), m_rowShift, 3 * n);
         return;
@@ -684,9 +735,22 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     const unsigned char* f = Samples(m_lines.Row(ClampIndex(r0, m_lineCount)));
     const unsigned char* l = Samples(m_lines.Row(ClampIndex(r1, m_lineCount)));
     unsigned char* out = Samples(m_dstLine.get());
-    uint32_t* sums = m_sums.data();
-    SumRows(m_lines, r0 + 1, r1 - 1, sums, n);
-    FinishBox(out, sums, f, l, w0, w1, ClampedQuotient(BoxDivisor(m_end - m_start)), n);
+    const uint32_t divisor = BoxDivisor(m_end - m_start);
+    // The vector column pass takes the rows of a footprint that lies inside the buffers, as it
+    // does whenever lines are taken as soon as they are ready.
+    if (m_kernels != nullptr && r0 >= 0 && r1 < m_lineCount && r0 <= r1 && r1 - r0 <= 258 &&
+        divisor < kReciprocalDivisors) {
+        const int inner = static_cast<int>(r1 - r0) - 1 > 0 ? static_cast<int>(r1 - r0) - 1 : 0;
+        for (int k = 0; k < inner; ++k) {
+            m_innerRows[k] = Samples(m_lines.Row(static_cast<int>(r0) + 1 + k));
+        }
+        m_kernels->columnMeans(out, f, m_innerRows.data(), inner, l, w0, w1, Reciprocal(divisor),
+                               n);
+    } else {
+        uint32_t* sums = m_sums.data();
+        SumRows(m_lines, r0 + 1, r1 - 1, sums, n);
+        FinishBox(out, sums, f, l, w0, w1, ClampedQuotient(divisor), n);
+    }
 
     m_start = m_end;
     m_rem += m_step;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "crc32.h"
@@ -107,10 +108,24 @@ void PrintTo(const PixelCase& c, std::ostream* os) {
     *os << c.source.width << "x" << c.source.height << " to " << c.dstw << "x" << c.dsth;
 }
 
-class ConvertPixelTest : public ::testing::TestWithParam<PixelCase> {};
+// Conversions decode on the calling thread and, when they overlap, scale and encode on a second
+// one; both ways must write the same bytes and logs.
+class OverlapTest {
+  protected:
+    explicit OverlapTest(ConvertOverlap mode) { SetConvertOverlap(mode); }
+    ~OverlapTest() { SetConvertOverlap(CONVERT_OVERLAP_AUTO); }
+};
+
+const ConvertOverlap kOverlaps[] = {CONVERT_OVERLAP_NEVER, CONVERT_OVERLAP_ALWAYS};
+
+class ConvertPixelTest : public ::testing::TestWithParam<std::tuple<PixelCase, ConvertOverlap>>,
+                         OverlapTest {
+  protected:
+    ConvertPixelTest() : OverlapTest(std::get<1>(GetParam())) {}
+};
 
 TEST_P(ConvertPixelTest, MatchesDecodeResizeEncodeByteForByte) {
-    const PixelCase& c = GetParam();
+    const PixelCase& c = std::get<0>(GetParam());
     const std::string jpeg = EncodeJpeg(c.source, {{0xE1, BuildExif({9, 9, "\xFF\xD8"}).payload},
                                                    {0xE2, std::string("ICC_PROFILE\0\1\1", 14)},
                                                    {0xFE, std::string(65533, 'c')}});
@@ -138,9 +153,16 @@ const PixelCase kPixelCases[] = {
     {{300, 1, JpegKind::COLOUR_444}, 32, 75, RESIZER_DIRTY, HASH_MD5, false, 32, 8},
 };
 
-INSTANTIATE_TEST_SUITE_P(Sources, ConvertPixelTest, ::testing::ValuesIn(kPixelCases));
+INSTANTIATE_TEST_SUITE_P(Sources, ConvertPixelTest,
+                         ::testing::Combine(::testing::ValuesIn(kPixelCases),
+                                            ::testing::ValuesIn(kOverlaps)));
 
-TEST(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
+class ConvertFileTest : public ::testing::TestWithParam<ConvertOverlap>, OverlapTest {
+  protected:
+    ConvertFileTest() : OverlapTest(GetParam()) {}
+};
+
+TEST_P(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
     TempDir tmp;
     const std::string big = tmp.Write("big.jpg", EncodeJpeg({200, 150}));
     const std::string text = tmp.Write("text.jpg", "not a jpeg at all");
@@ -227,6 +249,8 @@ TEST(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
         std::remove(dst.c_str());
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Threads, ConvertFileTest, ::testing::ValuesIn(kOverlaps));
 
 TEST(ConvertFileThumbnailTest, WritesTheFirstEmbeddedThumbnailVerbatim) {
     TempDir tmp;

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "resizer_kernels.h"
 #include "support/jpeg_fixtures.h"
 #include "support/temp_dir.h"
 
@@ -41,9 +43,9 @@ Image Grey(const std::vector<int>& line, int height, int rise = 0) {
 }
 
 // The image the encoder receives.
-Image Pump(int type, const Image& src, int dw, int dh) {
+Image Pump(int type, const Image& src, int dw, int dh, ResizerPath path = RESIZER_PATH_BEST) {
     const int sw = static_cast<int>(src[0].size()), sh = static_cast<int>(src.size());
-    std::unique_ptr<CResizer> resizer = CreateResizer(type, sw, sh, dw, dh);
+    std::unique_ptr<CResizer> resizer = CreateResizer(type, sw, sh, dw, dh, path);
     Image out;
     Row srcRow(sw + 2), black(dw);
     int read = 0;
@@ -165,7 +167,8 @@ Row ReducerFormulas(const Image& src, const Size& s, Image& out) {
 
 // Runs the resizer through PumpLines and the formulas through the same protocol written out
 // again; names the first differing row only, so that a photo does not print whole images.
-::testing::AssertionResult MatchesFormulas(int type, const Image& src, const Size& s) {
+::testing::AssertionResult MatchesFormulas(int type, const Image& src, const Size& s,
+                                           ResizerPath path) {
     Image want;
     const Row last = type == RESIZER_DIRTY  ? NearestSampleFormulas(src, s, want)
                      : type == RESIZER_TIDY ? SmoothFormulas(src, s, want)
@@ -173,14 +176,28 @@ Row ReducerFormulas(const Image& src, const Size& s, Image& out) {
     // The caller drops rows past the height and repeats the last row taken as it stands, or black.
     want.resize(std::min(want.size(), size_t(s.dh)));
     while (want.size() < size_t(s.dh)) want.push_back(want.empty() ? Row(s.dw) : last);
-    const Image got = Pump(type, src, s.dw, s.dh);
+    const Image got = Pump(type, src, s.dw, s.dh, path);
     const auto d = std::mismatch(want.begin(), want.end(), got.begin());
     if (d.first == want.end()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << s.sw << "x" << s.sh << " -> " << s.dw << "x" << s.dh
                                          << ": row " << d.first - want.begin() << " differs";
 }
 
-class ResizerExactnessTest : public ::testing::TestWithParam<int> {};
+// Every resizer, and the reducer once on each instruction set it can run here.
+struct Variant {
+    int type;
+    ResizerPath path;
+};
+
+class ResizerExactnessTest : public ::testing::TestWithParam<Variant> {
+  protected:
+    void SetUp() override {
+        if (!ResizerPathAvailable(GetParam().path)) GTEST_SKIP() << "this CPU lacks the path";
+    }
+    ::testing::AssertionResult Matches(const Image& src, const Size& s) {
+        return MatchesFormulas(GetParam().type, src, s, GetParam().path);
+    }
+};
 
 TEST_P(ResizerExactnessTest, MatchesPlainFormulasOnRandomImages) {
     // Divisors past 2^23, sums near 2^31, footprints of length 0 and a tall queue of buffers; then
@@ -192,7 +209,29 @@ TEST_P(ResizerExactnessTest, MatchesPlainFormulasOnRandomImages) {
     for (const auto& w : pairs)
         for (const auto& h : pairs) sizes.push_back({w.first, h.first, w.second, h.second});
     for (const Size& s : sizes)
-        ASSERT_TRUE(MatchesFormulas(GetParam(), RandomImage(s.sw, s.sh, s.sw * s.dh + s.sh), s));
+        ASSERT_TRUE(Matches(RandomImage(s.sw, s.sh, s.sw * s.dh + s.sh), s));
+}
+
+TEST_P(ResizerExactnessTest, MatchesPlainFormulasAcrossReductionFactors) {
+    // The vector filters read each window in runs of five pixels with 16-byte loads, two columns
+    // at a time: widths below one load and around a run, odd column counts, windows of one to
+    // six runs, factors just above 1 and far past 64 (where quotients leave floats), and the
+    // columns near the end of the line that read a padded copy of it.
+    std::mt19937 rng(11);
+    std::vector<Size> sizes;
+    for (int sw : {1, 2, 3, 5, 6, 7, 11, 16, 17, 31}) sizes.push_back({sw, 5, (sw + 1) / 2, 3});
+    for (int dw : {1, 2, 3, 7, 8, 63}) sizes.push_back({dw + 1, 4, dw, 3});
+    for (int factor : {2, 3, 4, 5, 6, 9, 10, 11, 26, 31, 63, 65, 300})
+        sizes.push_back({7 * factor + 3, 3, 7, 2});
+    for (int i = 0; i < 60; ++i) {
+        // Widths to 900 and heights to 40, reduced by factors spread evenly on a log scale.
+        const int sw = 1 + rng() % 900, sh = 1 + rng() % 40;
+        const auto reduce = [&](int size) {
+            return std::max(1, static_cast<int>(size / std::exp2((rng() % 1000) / 120.0)));
+        };
+        sizes.push_back({sw, sh, reduce(sw), reduce(sh)});
+    }
+    for (const Size& s : sizes) ASSERT_TRUE(Matches(RandomImage(s.sw, s.sh, s.sw + 7 * s.dw), s));
 }
 
 TEST_P(ResizerExactnessTest, MatchesPlainFormulasOnRealPhotos) {
@@ -210,7 +249,7 @@ TEST_P(ResizerExactnessTest, MatchesPlainFormulasOnRealPhotos) {
         // Longer side to an upload size and to a thumbnail size, keeping the aspect ratio.
         for (int side : {1024, 100}) {
             const Size s{w, h, std::max(1, w * side / longer), std::max(1, h * side / longer)};
-            EXPECT_TRUE(MatchesFormulas(GetParam(), src, s)) << name;
+            EXPECT_TRUE(Matches(src, s)) << name;
         }
         ++compared;
     }
@@ -224,7 +263,8 @@ TEST_P(ResizerExactnessTest, StaysInsideItsBuffersWhateverTheCallOrder) {
                           {13, 29, 31, 7},  {29, 13, 7, 31},  {37, 11, 11, 37}};
     std::mt19937 rng(7);
     for (const Size& s : sizes) {
-        std::unique_ptr<CResizer> r = CreateResizer(GetParam(), s.sw, s.sh, s.dw, s.dh);
+        std::unique_ptr<CResizer> r =
+            CreateResizer(GetParam().type, s.sw, s.sh, s.dw, s.dh, GetParam().path);
         const Row black(s.sw);
         for (int step = 0; step < 3 * (s.sh + s.dh) + 10; ++step) {
             const uint32_t op = rng() % 3;
@@ -235,13 +275,53 @@ TEST_P(ResizerExactnessTest, StaysInsideItsBuffersWhateverTheCallOrder) {
     }
 }
 
+std::string VariantName(const ::testing::TestParamInfo<Variant>& info) {
+    const char* const paths[] = {"Plain", "Sse2", "Avx2"};
+    const Variant v = info.param;
+    return std::string(v.type == RESIZER_DIRTY  ? "Dirty"
+                       : v.type == RESIZER_TIDY ? "Tidy"
+                                                : "Reduces") +
+           paths[v.path];
+}
+
 INSTANTIATE_TEST_SUITE_P(, ResizerExactnessTest,
-                         ::testing::Values(RESIZER_DIRTY, RESIZER_TIDY, RESIZER_REDUCES),
-                         [](const ::testing::TestParamInfo<int>& type) -> std::string {
-                             return type.param == RESIZER_DIRTY  ? "Dirty"
-                                    : type.param == RESIZER_TIDY ? "Tidy"
-                                                                 : "Reduces";
-                         });
+                         ::testing::Values(Variant{RESIZER_DIRTY, RESIZER_PATH_PLAIN},
+                                           Variant{RESIZER_TIDY, RESIZER_PATH_PLAIN},
+                                           Variant{RESIZER_REDUCES, RESIZER_PATH_PLAIN},
+                                           Variant{RESIZER_REDUCES, RESIZER_PATH_SSE2},
+                                           Variant{RESIZER_REDUCES, RESIZER_PATH_AVX2}),
+                         VariantName);
+
+TEST(ReducerQuotientTest, DividesByReciprocalsExactlyOnEveryPathAtEveryBoundary) {
+    // Each divisor the float quotients accept, with the sums on both sides of every multiple
+    // up to 256 times it, where a rounding error would first show; then sums far past it.
+    std::vector<uint32_t> sums;
+    std::vector<float> reciprocals;
+    std::vector<uint8_t> want;
+    for (uint32_t d = 1; d < kReciprocalDivisors; ++d) {
+        for (uint32_t k = 0; k <= 256; ++k) {
+            for (uint32_t s : {k * d, k * d + d - 1}) {
+                sums.push_back(s);
+                reciprocals.push_back(Reciprocal(d));
+                want.push_back(static_cast<uint8_t>(std::min<uint32_t>(s / d, 255)));
+            }
+        }
+        sums.push_back((1u << 23) - 1);
+        reciprocals.push_back(Reciprocal(d));
+        want.push_back(255);
+    }
+    for (ResizerPath path : {RESIZER_PATH_SSE2, RESIZER_PATH_AVX2}) {
+        const ReducerKernels* kernels = VectorKernels(path);
+        if (kernels == nullptr) continue;
+        std::vector<uint8_t> got(sums.size());
+        kernels->rowQuotients(got.data(), sums.data(), reciprocals.data(),
+                              static_cast<int>(sums.size()));
+        const auto d = std::mismatch(want.begin(), want.end(), got.begin());
+        EXPECT_TRUE(d.first == want.end())
+            << "path " << path << ": " << sums[d.first - want.begin()] << " * "
+            << reciprocals[d.first - want.begin()];
+    }
+}
 
 // Worked numbers that pin the formulas down independently of the transcription above.
 

@@ -18,6 +18,10 @@ struct JpegShape {
     JpegKind kind = JpegKind::COLOUR_420;
     bool progressive = false;
     int quality = 90;
+    // Instead of the test pattern, a scene that compresses like a photograph: soft light,
+    // textures at several scales and sensor grain, all made from `seed` with integer maths.
+    bool photographic = false;
+    uint32_t seed = 1;
 };
 
 // An APPn or COM segment: its marker code (0xE0..0xEF, 0xFE) and its payload.
