@@ -14,7 +14,7 @@
 
 #include "exif.h"
 #include "fuzz_support.h"
-#include "support/jpeg_fixtures.h"
+#include "samples/sample_photos.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "fuzz_support.h"
 #include "server.h"
-#include "support/jpeg_fixtures.h"
+#include "samples/sample_photos.h"
 #include "xmlrpc.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-#include "support/jpeg_fixtures.h"
+#include "samples/sample_photos.h"
 
 namespace {
 

@@ -1,38 +1,15 @@
 #pragma once
 
-// JPEG files made in code from a fixed test pattern, with chosen APPn/COM segments, and EXIF
-// blocks in either byte order whose field offsets a test can break; for tests and tools.
+// Reading JPEGs back in tests: their segments, their pixels, and a copy cut inside the scan.
+// Making them is in samples/sample_photos.h, included here for the tests' convenience.
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "samples/sample_photos.h"
+
 namespace Varnelo {
 
-// YCbCr with chroma halved both ways or at full resolution, greyscale, or CMYK (which the
-// library marks with an Adobe APP14 instead of a JFIF APP0).
-enum class JpegKind { COLOUR_420, COLOUR_444, GREY, CMYK };
-
-struct JpegShape {
-    int width = 64, height = 48;
-    JpegKind kind = JpegKind::COLOUR_420;
-    bool progressive = false;
-    int quality = 90;
-    // Instead of the test pattern, a scene that compresses like a photograph: soft light,
-    // textures at several scales and sensor grain, all made from `seed` with integer maths.
-    bool photographic = false;
-    uint32_t seed = 1;
-};
-
-// An APPn or COM segment: its marker code (0xE0..0xEF, 0xFE) and its payload.
-struct Segment {
-    int marker;
-    std::string data;
-    bool operator==(const Segment& o) const { return marker == o.marker && data == o.data; }
-};
-
-// Encodes the test pattern; `segments` follow the library's own JFIF/Adobe marker, in order.
-std::string EncodeJpeg(const JpegShape& shape, const std::vector<Segment>& segments = {});
 // The APPn and COM segments of a JPEG, in file order, up to the first SOS.
 std::vector<Segment> ReadSegments(const std::string& jpeg);
 // The JPEG cut halfway through what follows its first SOS.
@@ -46,29 +23,5 @@ struct DecodedJpeg {
 
 // Decodes to RGB with the library's defaults.
 DecodedJpeg DecodeJpeg(const std::string& jpeg);
-
-struct ExifShape {
-    int pixelX = 0, pixelY = 0;  // PixelXDimension and PixelYDimension, as SHORT
-    std::string thumbnail = "";  // embedded through IFD1 when not empty
-    bool bigEndian = false;
-};
-
-// An EXIF APP1 payload: "Exif\0\0", then a TIFF block laid out as below (offsets count from
-// its first byte): IFD0 holding only the Exif IFD pointer; the Exif IFD with PixelXDimension
-// and PixelYDimension; and, with a thumbnail, IFD1 with JPEGInterchangeFormat and its length
-// (LONG), then the thumbnail.
-struct ExifBlock {
-    std::string payload;
-    bool bigEndian = false;
-    uint32_t ifd0 = 8, ifd0Link = 22, exifIfd = 26, pixelXEntry = 28, pixelYEntry = 40;
-    uint32_t ifd1 = 56, thumbOffsetEntry = 58, thumbLengthEntry = 70, thumbnail = 86;
-
-    // Writes a 2- or 4-byte value in the block's byte order.
-    void Put(uint32_t at, uint32_t value, int bytes = 4);
-    // Writes a 12-byte IFD entry of count 1; a SHORT value fills the first two value bytes.
-    void PutEntry(uint32_t at, uint16_t tag, uint16_t type, uint32_t value);
-};
-
-ExifBlock BuildExif(const ExifShape& shape);
 
 }  // namespace Varnelo
