@@ -2,11 +2,11 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "resizer.h"
+#include "support/resize_formulas.h"
 #include "support/temp_dir.h"
 
 namespace Varnelo {
@@ -18,28 +18,19 @@ int RunTool(const std::string& args) {
     return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
 }
 
-TEST(ResizeToolTest, WritesWhatTheResizerStreamsAndRejectsBadArguments) {
+TEST(ResizeToolTest, WritesWhatTheFormulasGiveAndRejectsBadArguments) {
     TempDir dir;
     std::string pixels;
     for (int i = 0; i < 37 * 23 * 3; ++i) pixels += static_cast<char>(i * 7919 % 256);
     const std::string in = dir.Write("in.ppm", "P6\n# a comment\n37 23\n255\n" + pixels);
     const std::string out = dir.Path("out.ppm"), methods[] = {"dirty", "tidy", "reduces"};
+    const Image src = Rows(std::vector<unsigned char>(pixels.begin(), pixels.end()), 37, 23);
     for (int type = RESIZER_DIRTY; type <= RESIZER_REDUCES; ++type) {
         ASSERT_EQ(RunTool(methods[type] + " 10 7 " + in + " " + out), 0);
         std::string expected = "P6\n10 7\n255\n";
-        std::unique_ptr<CResizer> resizer = CreateResizer(type, 37, 23, 10, 7);
-        std::vector<CPixel> row(37 + 2), black(10);
-        size_t at = 0;
-        PumpLines(
-            *resizer, 37, 23, 7, row.data(), black.data(),
-            [&](CPixel* r) {
-                return (at += pixels.copy(reinterpret_cast<char*>(r), 37 * 3, at)) > 0;
-            },
-            [&](const CPixel* r) {
-                expected.append(reinterpret_cast<const char*>(r), 10 * 3);
-                return true;
-            },
-            [] {});
+        for (const Row& row : ExpectedRows(type, src, {37, 23, 10, 7})) {
+            expected.append(reinterpret_cast<const char*>(row.data()), row.size() * 3);
+        }
         EXPECT_EQ(ReadFileBytes(out), expected) << methods[type];
     }
     // Bad arguments or input fail and leave no output behind.
