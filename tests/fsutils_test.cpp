@@ -67,14 +67,5 @@ TEST(TextTest, NumbersReadAsAStreamReadsThem) {
     EXPECT_EQ(n, 2147483647) << "an overflowing number saturates";
 }
 
-TEST(TextTest, NaturalOrderComparesDigitRunsByValue) {
-    EXPECT_EQ(strcmpdig("file9", "file10"), -1);
-    EXPECT_EQ(strcmpdig("x007", "x7"), 0);
-    EXPECT_EQ(strcmpdig("Ab", "aB"), 0);
-    std::vector<std::string> names = {"img10", "IMG2", "img1", "img_", "img"};
-    std::sort(names.begin(), names.end(), digit_string_comparer());
-    EXPECT_EQ(names, (std::vector<std::string>{"img", "img1", "IMG2", "img10", "img_"}));
-}
-
 }  // namespace
 }  // namespace Varnelo

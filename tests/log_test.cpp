@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "debug.h"
 #include "fsutils.h"
 #include "support/temp_dir.h"
 
@@ -47,19 +46,6 @@ TEST_F(LoggerTest, EachOpenStartsTheFileAfresh) {
     logger.Put("second", 0);
     logger.Close();
     EXPECT_EQ(ReadFileBytes(path), "second\n");
-}
-
-TEST(DebugTest, PrintsTextAndDumps) {
-    ::testing::internal::CaptureStdout();
-    Debug::PrintText("a\tb\x01\xC3", 5);
-    Debug::PrintText("", 0);
-    Debug::PrintDump("ABCDEFGH\xFF", 9);
-    Debug::PrintDump("12345678", 8);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-              "TEXT [5]\na\tb??\nEND TEXT\n"
-              "TEXT [0]\n\nEND TEXT\n"
-              "DUMP [9]\n0x41 0x42 0x43 0x44 0x45 0x46 0x47 0x48 \n0xFFFFFFFF \nEND DUMP\n"
-              "DUMP [8]\n0x31 0x32 0x33 0x34 0x35 0x36 0x37 0x38 \nEND DUMP\n");
 }
 
 }  // namespace

@@ -221,26 +221,5 @@ TEST(SmoothResizerTest, BlendsRightwardsTruncatesTowardZeroAndLagsDown) {
     EXPECT_EQ(Pump(RESIZER_TIDY, Grey({1}, 10, 25), 1, 5)[1], Grey({(1 + 2 * 26 + 51) / 4}, 1)[0]);
 }
 
-TEST(NearestSampleTest, LeavesTheLastPixelBlackFromASourceOnePixelWide) {
-    EXPECT_EQ(Pump(RESIZER_DIRTY, Grey({9}, 2), 3, 2)[0], Grey({9, 9, 0}, 1)[0]);
-}
-
-TEST(PumpLinesTest, PadsTheRowDropsLinesBeyondTheHeightAndFillsBlackWhenNoneCame) {
-    // A resizer made for 8 lines, pumped for 5: every ready line is taken, 5 are written.
-    std::unique_ptr<CResizer> dirty = CreateResizer(RESIZER_DIRTY, 3, 4, 3, 8);
-    const Image src = Grey({0, 1, 2}, 4, 10);
-    Row srcRow(5), black(3);
-    int read = 0, written = 0;
-    PumpLines(
-        *dirty, 3, 4, 5, srcRow.data(), black.data(),
-        [&](CPixel* row) { return std::copy_n(src[read++].begin(), 3, row) != nullptr; },
-        [&](const CPixel*) { return ++written > 0; }, [] {});
-    EXPECT_EQ(srcRow, Grey({30, 31, 32, 32, 32}, 1)[0]);
-    EXPECT_EQ(written, 5);
-    EXPECT_FALSE(dirty->NewDestinationLine());
-    // A destination height of 1 needs srcHeight + 1 reducer buffers, which never fill.
-    EXPECT_EQ(Pump(RESIZER_REDUCES, Grey({200, 100, 50}, 3), 2, 1), Image(1, Row(2)));
-}
-
 }  // namespace
 }  // namespace Varnelo

@@ -61,27 +61,5 @@ TEST(TaskQueueTest, DrainsACountLeftUnderItsNameAndSurvivesAStrayOne) {
     EXPECT_EQ(capture.Count("TaskQueue::sem error"), 1);
 }
 
-TEST(TaskTest, StdioTaskWritesWholeResponsesOrNothing) {
-    LogCapture capture(9);
-    StdioTask token("");
-    StdioTask garbage("upload.close, not a document");
-    StdioTask close("<methodCall><methodName>upload.close</methodName></methodCall>\n");
-    EXPECT_TRUE(token.IsTerminate()) << "an empty request is a stop token";
-    EXPECT_FALSE(close.IsTerminate());
-
-    ::testing::internal::CaptureStdout();
-    token.Execute();
-    garbage.Execute();
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-    ::testing::internal::CaptureStdout();
-    close.Execute();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.rfind("<methodResponse>", 0), 0u);
-    EXPECT_EQ(out.substr(out.size() - 21), "</methodResponse>\n\n*\n");
-    EXPECT_TRUE(close.IsTerminate()) << "the close method ends the worker that ran it";
-    EXPECT_EQ(capture.Count("StdioTask::Execute"), 3);
-    EXPECT_EQ(capture.Count("StdioTask::XML_SHUTDOWN"), 1);
-}
-
 }  // namespace
 }  // namespace Varnelo

@@ -78,19 +78,5 @@ TEST(ThreadPoolLogTest, WorkersAreNumberedAndCountTheirOwnJobs) {
     EXPECT_NE(text.find("ConvThread stop 0\n"), std::string::npos);
 }
 
-TEST(ThreadTest, JoinAndKillAreHarmlessOnceTheThreadIsGone) {
-    struct Quick : Thread {
-        void Execute() override {}
-    };
-    Quick never;
-    EXPECT_NE(never.Join(), 0);
-    EXPECT_NE(never.Kill(), 0);
-    Quick quick;
-    ASSERT_EQ(quick.Start(), 0);
-    EXPECT_EQ(quick.Join(), 0);
-    EXPECT_NE(quick.Kill(), 0);
-    EXPECT_NE(quick.Join(), 0);
-}
-
 }  // namespace
 }  // namespace Varnelo

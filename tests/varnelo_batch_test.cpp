@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,14 +29,9 @@ using Row = std::map<std::string, std::string>;
 std::string Jpeg(int width, int height) { return EncodeJpeg({width, height}); }
 
 std::vector<std::string> Split(const std::string& line) {
-    std::vector<std::string> fields(1);
-    for (const char c : line) {
-        if (c == ',') {
-            fields.emplace_back();
-        } else {
-            fields.back() += c;
-        }
-    }
+    std::vector<std::string> fields;
+    std::istringstream in(line + ",");
+    for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
     return fields;
 }
 

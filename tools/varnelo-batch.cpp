@@ -458,7 +458,9 @@ class Batch {
     }
 
     bool Handshake(std::string& why) {
-        if (!m_service.Start(m_options.service, m_options.verbosity == 2)) {
+        // The service's standard error carries the JPEG library's warnings: shown only with -v.
+        if (!m_service.Start(m_options.service, {},
+                             m_options.verbosity == 2 ? std::string() : "/dev/null")) {
             why = std::strerror(errno);
             return false;
         }
@@ -468,17 +470,10 @@ class Batch {
             why = "it does not read its input";
             return false;
         }
-        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
         std::string response;
-        bool open = true;
-        while (!m_service.NextResponse(response)) {
-            if (!open || MsUntil(deadline) == 0) {
-                why = "it did not answer the handshake";
-                return false;
-            }
-            pollfd fd = {m_service.OutputFd(), POLLIN, 0};
-            poll(&fd, 1, MsUntil(deadline));
-            open = m_service.Read();
+        if (!m_service.WaitResponse(response, Clock::now() + std::chrono::seconds(10))) {
+            why = "it did not answer the handshake";
+            return false;
         }
         const Answer answer = ParseAnswer(response);
         if (answer.kind != Answer::CONNECTED || !answer.accepted) {

@@ -1,17 +1,13 @@
 #include "support/service_process.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <tinyxml.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 
 #include "crc32.h"
@@ -21,143 +17,41 @@ namespace Varnelo {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int RemainingMs(Clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
+Clock::time_point After(int ms) { return Clock::now() + std::chrono::milliseconds(ms); }
 
 }  // namespace
 
-ServiceProcess::ServiceProcess(const std::string& binary, const std::vector<std::string>& args)
-    : m_pid(-1), m_stdin(-1), m_stdout(-1), m_exited(false), m_status(0) {
+ServiceProcess::ServiceProcess(const std::string& binary, const std::vector<std::string>& args) {
     char pattern[] = "/tmp/varnelo-stderr-XXXXXX";
-    const int errFd = mkstemp(pattern);
-    if (errFd < 0) throw std::runtime_error("mkstemp failed");
+    const int fd = mkstemp(pattern);
+    if (fd < 0) throw std::runtime_error("mkstemp failed");
+    close(fd);
     m_stderrPath = pattern;
-
-    int in[2];
-    int out[2];
-    if (pipe(in) != 0 || pipe(out) != 0) throw std::runtime_error("pipe failed");
-
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(binary.c_str()));
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-
-    m_pid = fork();
-    if (m_pid < 0) throw std::runtime_error("fork failed");
-    if (m_pid == 0) {
-        dup2(in[0], STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
-        close(in[0]);
-        close(in[1]);
-        close(out[0]);
-        close(out[1]);
-        close(errFd);
-        execv(binary.c_str(), argv.data());
-        _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    close(errFd);
-    m_stdin = in[1];
-    m_stdout = out[0];
-    // The test must not die if the service has already closed its input.
+    if (!m_child.Start(binary, args, m_stderrPath)) throw std::runtime_error("fork failed");
+    // The test must not die if the child has already closed its input.
     signal(SIGPIPE, SIG_IGN);
 }
 
 ServiceProcess::~ServiceProcess() {
-    CloseInput();
-    if (!m_exited && m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    if (m_stdout >= 0) close(m_stdout);
+    m_child.Kill();
     unlink(m_stderrPath.c_str());
 }
 
-void ServiceProcess::Send(const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size() && m_stdin >= 0) {
-        const ssize_t n = write(m_stdin, text.data() + done, text.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-}
-
-void ServiceProcess::CloseInput() {
-    if (m_stdin >= 0) {
-        close(m_stdin);
-        m_stdin = -1;
-    }
-}
-
-bool ServiceProcess::ReadSome(int timeoutMs) {
-    if (m_stdout < 0) return false;
-    pollfd fd = {m_stdout, POLLIN, 0};
-    const int ready = poll(&fd, 1, timeoutMs);
-    if (ready <= 0) return true;
-    char buffer[65536];
-    const ssize_t n = read(m_stdout, buffer, sizeof(buffer));
-    if (n <= 0) {
-        if (n < 0 && errno == EINTR) return true;
-        close(m_stdout);
-        m_stdout = -1;
-        return false;
-    }
-    m_output.append(buffer, static_cast<std::size_t>(n));
-    return true;
-}
-
 std::vector<std::string> ServiceProcess::ReadResponses(std::size_t count, int timeoutMs) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const Clock::time_point deadline = After(timeoutMs);
     std::vector<std::string> responses;
-    for (;;) {
-        // Each response text is followed by the separator "\n*\n".
-        std::string::size_type separator;
-        while (responses.size() < count &&
-               (separator = m_output.find("\n*\n")) != std::string::npos) {
-            responses.push_back(m_output.substr(0, separator));
-            m_output.erase(0, separator + 3);
-        }
-        if (responses.size() >= count || RemainingMs(deadline) == 0) return responses;
-        if (!ReadSome(RemainingMs(deadline))) return responses;
+    std::string response;
+    while (responses.size() < count && m_child.WaitResponse(response, deadline)) {
+        responses.push_back(response);
     }
+    return responses;
 }
 
-std::string ServiceProcess::ReadRest(int timeoutMs) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (RemainingMs(deadline) > 0 && ReadSome(RemainingMs(deadline))) {
-    }
-    std::string rest;
-    rest.swap(m_output);
-    return rest;
-}
+std::string ServiceProcess::ReadRest(int timeoutMs) { return m_child.TakeRest(After(timeoutMs)); }
 
 int ServiceProcess::Wait(int timeoutMs) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!m_exited) {
-        int status = 0;
-        const pid_t done = waitpid(m_pid, &status, WNOHANG);
-        if (done == m_pid) {
-            m_exited = true;
-            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            break;
-        }
-        if (RemainingMs(deadline) == 0) return -1;
-        usleep(2000);
-    }
-    return m_status;
+    return m_child.Exited(After(timeoutMs)) ? m_child.ExitStatus() : -1;
 }
-
-std::string ServiceProcess::Stderr() const { return ReadFileBytes(m_stderrPath); }
 
 PrivateService::PrivateService() : m_binary(m_dir.Path("varnelo")) {
     std::filesystem::copy_file(VARNELO_BIN, m_binary);
@@ -169,27 +63,14 @@ std::vector<std::string> PrivateService::LogLines() const {
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
-    std::string::size_type start = 0;
-    while (start <= text.size()) {
-        const std::string::size_type end = text.find('\n', start);
-        if (end == std::string::npos) {
-            if (start < text.size()) lines.push_back(text.substr(start));
-            break;
-        }
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 std::string Request(const std::string& method, const std::string& params) {
     return "<?xml version=\"1.0\"?>\n<methodCall>\n<methodName>" + method + "</methodName>\n" +
            (params.empty() ? "" : "<params>\n" + params + "</params>\n") + "</methodCall>\n*\n";
-}
-
-std::string Member(const std::string& name, const std::string& type, const std::string& text) {
-    return "<member><name>" + name + "</name><value><" + type + ">" + text + "</" + type +
-           "></value></member>";
 }
 
 std::string ImageParam(int id, const std::string& src, const std::string& dst,
@@ -201,7 +82,7 @@ std::string ImageParam(int id, const std::string& src, const std::string& dst,
 
 namespace {
 
-std::string Answer(const std::string& value) {
+std::string Response(const std::string& value) {
     return "<methodResponse>\n <params>\n  <param>\n   <value>\n" + value +
            "   </value>\n  </param>\n </params>\n</methodResponse>\n";
 }
@@ -232,12 +113,12 @@ std::string TailHash(Hash&& hash, const std::string& path) {
 
 }  // namespace
 
-const std::string kDone = Answer("    <string>done</string>\n");
-const std::string kConnected = Answer("    <struct>\n" + StructMember("minVersion", "i4", "1") +
+const std::string kDone = Response("    <string>done</string>\n");
+const std::string kConnected = Response("    <struct>\n" + StructMember("minVersion", "i4", "1") +
                                       StructMember("currentVersion", "i4", "4") +
                                       StructMember("accepted", "boolean", "1") + "    </struct>\n");
 const std::string kNoPicasa =
-    Answer("    <struct>\n" + StructMember("picasaInstalled", "boolean", "0") + "    </struct>\n");
+    Response("    <struct>\n" + StructMember("picasaInstalled", "boolean", "0") + "    </struct>\n");
 
 std::vector<ImageAnswer> ImageAnswers(const std::string& response) {
     std::vector<ImageAnswer> answers;

@@ -10,11 +10,13 @@
 #include <vector>
 
 #include "support/temp_dir.h"
+#include "varnelo-batch/service_client.h"
 
 namespace Varnelo {
 
-// A child process started with pipes on its standard input and output. Standard error goes to
-// a file that Stderr() reads back. The destructor kills a child that still runs and reaps it.
+// A child process started with pipes on its standard input and output, as the client starts
+// the service (through the batch client's ServiceChild). Standard error goes to a file that
+// Stderr() reads back. The destructor kills a child that still runs and reaps it.
 class ServiceProcess {
   public:
     explicit ServiceProcess(const std::string& binary, const std::vector<std::string>& args = {});
@@ -22,33 +24,22 @@ class ServiceProcess {
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-    pid_t pid() const { return m_pid; }
+    pid_t pid() const { return m_child.Pid(); }
+    void Send(const std::string& text) { m_child.Send(text); }
+    void CloseInput() { m_child.CloseInput(); }
 
-    // Writes all of `text` to the child's standard input.
-    void Send(const std::string& text);
-    void CloseInput();
-
-    // Reads standard output until `count` responses (each followed by "\n*\n") have come, the
-    // output ends, or `timeoutMs` passes. Returns the responses read, without separators.
+    // Reads until `count` responses have come, the output ends, or `timeoutMs` passes. Returns
+    // the responses read, without their separators.
     std::vector<std::string> ReadResponses(std::size_t count, int timeoutMs = 20000);
-    // Reads standard output until it ends or `timeoutMs` passes; returns what was not yet
-    // returned by ReadResponses.
+    // Reads until the output ends or `timeoutMs` passes; returns what ReadResponses did not.
     std::string ReadRest(int timeoutMs = 20000);
-
     // Waits for the child to end: its exit status, 128 + signal, or -1 after `timeoutMs`.
     int Wait(int timeoutMs = 20000);
-    std::string Stderr() const;
+    std::string Stderr() const { return ReadFileBytes(m_stderrPath); }
 
   private:
-    bool ReadSome(int timeoutMs);
-
-    pid_t m_pid;
-    int m_stdin;
-    int m_stdout;
-    bool m_exited;
-    int m_status;
-    std::string m_output;
     std::string m_stderrPath;
+    ServiceChild m_child;
 };
 
 // The service copied into a private folder, so that its log file (beside the executable) lands
@@ -70,8 +61,6 @@ std::vector<std::string> Lines(const std::string& text);
 
 // A method call framed as the client sends it, with `params` inside <params> when not empty.
 std::string Request(const std::string& method, const std::string& params = "");
-// A struct member with a typed value.
-std::string Member(const std::string& name, const std::string& type, const std::string& text);
 // An image request's <param>: imageId, sourcePath and destPath, then `more` members.
 std::string ImageParam(int id, const std::string& src, const std::string& dst,
                        const std::string& more = "");

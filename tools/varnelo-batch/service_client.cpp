@@ -24,6 +24,17 @@ int MsUntil(Clock::time_point deadline) {
 
 const char kTooSmall[] = "actual resolution less than requested";
 
+namespace {
+
+// How a child ended, from its ExitStatus.
+std::string Describe(int status) {
+    if (status < 128) return "exited with status " + std::to_string(status);
+    return "was killed by signal " + std::to_string(status - 128) + " (" + strsignal(status - 128) +
+           ")";
+}
+
+}  // namespace
+
 // The service names its two hashes the other way round: the wire text "MD5" makes it compute
 // a CRC-32 (answered "S1|" and 8 hex digits) and any other text an MD5 ("S2|" and 32 digits).
 // This is the one place that knows it. No text turns hashing off: for NONE the member is left
@@ -154,15 +165,20 @@ void Fd::Reset() {
     m_fd = -1;
 }
 
-bool ServiceChild::Start(const std::string& binary, bool showStderr) {
+bool ServiceChild::Start(const std::string& binary, const std::vector<std::string>& args,
+                         const std::string& stderrPath) {
     Kill();
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0) return false;
     Fd inRead(in[0]), inWrite(in[1]);
     if (pipe2(out, O_CLOEXEC) != 0) return false;
     Fd outRead(out[0]), outWrite(out[1]);
-    Fd quiet(showStderr ? -1 : open("/dev/null", O_WRONLY | O_CLOEXEC));
-    char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
+    Fd err(stderrPath.empty()
+               ? -1
+               : open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    std::vector<char*> argv = {const_cast<char*>(binary.c_str())};
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) return false;
@@ -172,8 +188,8 @@ bool ServiceChild::Start(const std::string& binary, bool showStderr) {
         if (getppid() != parent) _exit(127);
         dup2(inRead.Get(), STDIN_FILENO);
         dup2(outWrite.Get(), STDOUT_FILENO);
-        if (quiet.Get() >= 0) dup2(quiet.Get(), STDERR_FILENO);
-        execv(binary.c_str(), argv);
+        if (err.Get() >= 0) dup2(err.Get(), STDERR_FILENO);
+        execv(binary.c_str(), argv.data());
         _exit(127);
     }
     m_pid = pid;
@@ -224,12 +240,42 @@ bool ServiceChild::NextResponse(std::string& response) {
     return true;
 }
 
-std::string ServiceChild::Reap(Clock::time_point deadline) {
-    while (m_pid > 0 && MsUntil(deadline) > 0) {
-        int status = 0;
-        if (waitpid(m_pid, &status, WNOHANG) == m_pid) return Ended(status);
-        poll(nullptr, 0, 10);
+bool ServiceChild::WaitResponse(std::string& response, Clock::time_point deadline) {
+    bool open = true;
+    while (!NextResponse(response)) {
+        if (!open || MsUntil(deadline) == 0) return false;
+        pollfd fd = {m_out.Get(), POLLIN, 0};
+        poll(&fd, 1, MsUntil(deadline));
+        open = Read();
     }
+    return true;
+}
+
+std::string ServiceChild::TakeRest(Clock::time_point deadline) {
+    for (bool open = m_out.Get() >= 0 && Read(); open && MsUntil(deadline) > 0; open = Read()) {
+        pollfd fd = {m_out.Get(), POLLIN, 0};
+        poll(&fd, 1, MsUntil(deadline));
+    }
+    std::string rest;
+    rest.swap(m_buffer);
+    return rest;
+}
+
+bool ServiceChild::Exited(Clock::time_point deadline) {
+    for (;;) {
+        int status = 0;
+        if (m_pid <= 0) return true;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            Ended(status);
+            return true;
+        }
+        if (MsUntil(deadline) == 0) return false;
+        poll(nullptr, 0, 5);
+    }
+}
+
+std::string ServiceChild::Reap(Clock::time_point deadline) {
+    if (m_pid > 0 && Exited(deadline)) return Describe(m_status);
     return Kill();
 }
 
@@ -244,11 +290,9 @@ std::string ServiceChild::Kill() {
 
 std::string ServiceChild::Ended(int status) {
     m_pid = -1;
-    m_in.Reset();
-    m_out.Reset();
-    if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
-    return "was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
-           strsignal(WTERMSIG(status)) + ")";
+    m_in.Reset();  // what it wrote before it ended can still be read
+    m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return Describe(m_status);
 }
 
 }  // namespace Varnelo

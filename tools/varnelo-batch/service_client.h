@@ -73,11 +73,11 @@ class Fd {
     int m_fd = -1;
 };
 
-// The service as a child process whose standard input and output are pipes to this program;
-// its standard error (where the JPEG library prints its warnings) is ours or /dev/null. It
-// runs in a process group of its own, so that a Ctrl-C at the terminal reaches only this
-// program, which then closes the service in order; it is killed if this program dies.
-// The destructor kills a service that still runs and reaps it. One thread uses it.
+// The service as a child process whose standard input and output are pipes to this program
+// (the tests run it, and this client, the same way). It runs in a process group of its own, so
+// that a Ctrl-C at the terminal reaches only this program, which then closes the service in
+// order; it is killed if this program dies. The destructor kills a child that still runs and
+// reaps it. One thread uses it.
 class ServiceChild {
   public:
     ServiceChild() = default;
@@ -85,9 +85,13 @@ class ServiceChild {
     ServiceChild(const ServiceChild&) = delete;
     ServiceChild& operator=(const ServiceChild&) = delete;
 
-    // Kills a running service and starts `binary`. False when no process could be made; a
-    // binary that cannot be run shows as output that ends at once.
-    bool Start(const std::string& binary, bool showStderr);
+    // Kills a running child and starts `binary` with `args`. Its standard error goes to the file
+    // `stderrPath` (where the JPEG library prints its warnings), or stays this program's when the
+    // path is empty. False when no process could be made; a binary that cannot be run shows as
+    // output that ends at once.
+    bool Start(const std::string& binary, const std::vector<std::string>& args,
+               const std::string& stderrPath);
+    pid_t Pid() const { return m_pid; }
     int OutputFd() const { return m_out.Get(); }
     bool InputOpen() const { return m_in.Get() >= 0; }
     void CloseInput() { m_in.Reset(); }
@@ -98,7 +102,16 @@ class ServiceChild {
     bool Read();
     // Takes the next whole response read so far, without its separator line "*".
     bool NextResponse(std::string& response);
+    // The same, reading until `deadline` for it; false when none came by then or the output
+    // ended first.
+    bool WaitResponse(std::string& response, Clock::time_point deadline);
+    // Reads until the output ends or `deadline`; returns all read and not taken as a response.
+    std::string TakeRest(Clock::time_point deadline);
 
+    // Waits until `deadline` for the child to end, without killing it; true once it has.
+    bool Exited(Clock::time_point deadline);
+    // The exit status of the child that ended last, or 128 + the signal that ended it.
+    int ExitStatus() const { return m_status; }
     // Waits until `deadline` for the service to end, then kills it; says how it ended.
     std::string Reap(Clock::time_point deadline);
     // Kills the service if it runs and reaps it; says how it ended.
@@ -108,6 +121,7 @@ class ServiceChild {
     std::string Ended(int status);
 
     pid_t m_pid = -1;
+    int m_status = -1;
     Fd m_in, m_out;
     std::string m_buffer;
 };
