@@ -16,7 +16,6 @@
 #include "exif.h"
 #include "fsutils.h"
 #include "support/jpeg_fixtures.h"
-#include "support/log_capture.h"
 #include "support/resize_formulas.h"
 #include "support/service_process.h"
 #include "support/temp_dir.h"

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fsutils.h"
-#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace Varnelo {
 namespace {

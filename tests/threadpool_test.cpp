@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/log_capture.h"
+#include "support/temp_dir.h"
 #include "taskqueue.h"
 #include "utils.h"
 

@@ -11,8 +11,8 @@
 
 #include "fsutils.h"
 #include "support/jpeg_fixtures.h"
-#include "support/log_capture.h"
 #include "support/service_process.h"
+#include "support/temp_dir.h"
 
 namespace Varnelo {
 namespace {

@@ -114,11 +114,12 @@ std::string TailHash(Hash&& hash, const std::string& path) {
 }  // namespace
 
 const std::string kDone = Response("    <string>done</string>\n");
-const std::string kConnected = Response("    <struct>\n" + StructMember("minVersion", "i4", "1") +
-                                      StructMember("currentVersion", "i4", "4") +
-                                      StructMember("accepted", "boolean", "1") + "    </struct>\n");
-const std::string kNoPicasa =
-    Response("    <struct>\n" + StructMember("picasaInstalled", "boolean", "0") + "    </struct>\n");
+const std::string kConnected =
+    Response("    <struct>\n" + StructMember("minVersion", "i4", "1") +
+             StructMember("currentVersion", "i4", "4") + StructMember("accepted", "boolean", "1") +
+             "    </struct>\n");
+const std::string kNoPicasa = Response(
+    "    <struct>\n" + StructMember("picasaInstalled", "boolean", "0") + "    </struct>\n");
 
 std::vector<ImageAnswer> ImageAnswers(const std::string& response) {
     std::vector<ImageAnswer> answers;

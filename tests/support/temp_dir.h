@@ -1,28 +1,86 @@
 #pragma once
 
+// Files for tests: a private temporary folder, whole-file reads, and a capture of the log.
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
+
+#include "log.h"
 
 namespace Varnelo {
 
-// A fresh folder under the system's temporary directory, removed with its contents
-// when the object goes away.
+// A fresh folder under the system's temporary directory, removed with its contents when the
+// object goes away.
 class TempDir {
   public:
-    TempDir();
-    ~TempDir();
+    TempDir() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "varnelo-test-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        m_path = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return m_path; }
     std::string Path(const std::string& name) const { return m_path + "/" + name; }
     // Writes `bytes` to the named file inside the folder; returns its path.
-    std::string Write(const std::string& name, const std::string& bytes) const;
+    std::string Write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(Path(name), std::ios::binary) << bytes;
+        return Path(name);
+    }
 
   private:
     std::string m_path;
 };
 
 // The whole content of a file; empty when it cannot be read.
-std::string ReadFileBytes(const std::string& path);
+inline std::string ReadFileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Points the global logger at a private file with the given threshold for the lifetime of the
+// object, then back to threshold 0. GoogleTest runs one test at a time, so captures never mix.
+class LogCapture {
+  public:
+    explicit LogCapture(int level) {
+        log.Close();
+        log.SetFilename(m_dir.Path("log"));
+        log.EnableFile();
+        log.SetLevel(level);
+    }
+    ~LogCapture() {
+        log.SetLevel(0);
+        log.Close();
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::string Text() const { return ReadFileBytes(m_dir.Path("log")); }
+    // How many lines equal `line` exactly.
+    int Count(const std::string& line) const {
+        const std::string text = "\n" + Text();
+        int count = 0;
+        for (std::size_t at = 0; (at = text.find("\n" + line + "\n", at)) != std::string::npos;) {
+            ++count;
+            at += line.size() + 1;
+        }
+        return count;
+    }
+
+  private:
+    TempDir m_dir;
+};
 
 }  // namespace Varnelo
