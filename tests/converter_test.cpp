@@ -129,15 +129,15 @@ TEST_P(ConvertPixelTest, MatchesDecodeResizeEncodeByteForByte) {
     const std::string out = ReadFileBytes(tmp.Path("dst.jpg"));
     EXPECT_EQ(ReadSegments(out), c.omitEXIF ? std::vector<Segment>() : ReadSegments(jpeg));
     EXPECT_TRUE(out == ReferenceConversion(jpeg, c.source.kind == JpegKind::GREY, c.dstw, c.dsth,
-                                           c.quality, c.resizer, c.omitEXIF));
+                                           std::clamp(c.quality, 0, 100), c.resizer, c.omitEXIF));
 }
 
 const PixelCase kPixelCases[] = {
     {{301, 207}, 97, 75, RESIZER_REDUCES, HASH_CRC32, false, 97, 66},
     {{207, 301, JpegKind::COLOUR_444}, 97, 90, RESIZER_REDUCES, HASH_MD5, true, 66, 97},
-    {{256, 256, JpegKind::GREY}, 40, 50, RESIZER_REDUCES, HASH_NONE, false, 40, 40},
+    {{256, 256, JpegKind::GREY}, 40, 150, RESIZER_REDUCES, HASH_NONE, false, 40, 40},
     {{333, 100, JpegKind::COLOUR_420, true}, 64, 100, RESIZER_TIDY, HashType(3), true, 64, 19},
-    {{5, 1000}, 32, 75, RESIZER_REDUCES, HASH_CRC32, true, 8, 32},  // widened to 8
+    {{5, 1000}, 10, -5, RESIZER_REDUCES, HASH_CRC32, true, 8, 32},  // 32 at quality 0; width 8
     {{300, 1, JpegKind::COLOUR_444}, 32, 75, RESIZER_DIRTY, HASH_MD5, false, 32, 8},
 };
 
