@@ -22,6 +22,11 @@ const std::string kClose = Request("upload.close");
 const std::string kInfo = Request("upload.installInfoRequest");
 const std::string kConnect = Request("upload.connect", "<param/>\n");
 
+// The file of the queue's semaphore: "jprocsem_" and the pid, cut to 15 characters.
+std::string SemaphoreFile(pid_t pid) {
+    return "/dev/shm/sem." + ("jprocsem_" + ToString(pid)).substr(0, 15);
+}
+
 TEST(ServerTest, CloseEndsTheServiceOnlyOnceInputEnds) {
     ServiceProcess service(VARNELO_BIN);
     service.Send(kClose);
@@ -37,7 +42,7 @@ TEST(ServerTest, CloseEndsTheServiceOnlyOnceInputEnds) {
 
 TEST(ServerTest, FramingDropsEmptyLinesAndSplitsOnlyAtABareStar) {
     ServiceProcess service(VARNELO_BIN);
-    const std::string semaphore = "/dev/shm/sem.jprocsem_" + ToString(service.pid());
+    const std::string semaphore = SemaphoreFile(service.pid());
     service.Send(
         "\n\n*\n<methodCall>\n\n<methodName>upload.installInfoRequest</methodName>\n\n"
         "</methodCall>\n\n*\n");
@@ -57,7 +62,7 @@ TEST(ServerTest, FramingDropsEmptyLinesAndSplitsOnlyAtABareStar) {
 
 TEST(ServerTest, ExitMidRequestDropsItButQueuedWorkIsAnswered) {
     ServiceProcess service(VARNELO_BIN);
-    const std::string semaphore = "/dev/shm/sem.jprocsem_" + ToString(service.pid());
+    const std::string semaphore = SemaphoreFile(service.pid());
     std::string burst;
     for (int i = 0; i < 40; ++i) burst += kInfo;
     service.Send(burst + "<methodCall>\n<methodName>upload.close</methodName>\nexit\n");
