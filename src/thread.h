@@ -3,6 +3,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 
 namespace Varnelo {
 
@@ -38,5 +40,12 @@ class Thread {
 
 // Processors online; 1 when the system cannot tell.
 int GetNumOfCores();
+
+// Runs `body` on a new thread whose stack holds `stackBytes`, with an inaccessible page below
+// it, and waits for the thread to end. The stack is mapped for this call alone and unmapped
+// before it returns, so the pages a deep recursion touched go back to the system at once. An
+// exception `body` throws is thrown again on the calling thread. Returns false, without running
+// `body`, when no such thread can be made.
+bool RunWithStack(std::size_t stackBytes, const std::function<void()>& body);
 
 }  // namespace Varnelo

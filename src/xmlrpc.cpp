@@ -8,6 +8,7 @@
 #include "installinfo.h"
 #include "log.h"
 #include "process.h"
+#include "thread.h"
 
 namespace Varnelo {
 
@@ -16,139 +17,35 @@ namespace {
 // NUL bytes after a request text; a UTF-8 sequence is at most four bytes long.
 const std::size_t kParserPadding = 4;
 
-bool IsSpace(unsigned char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-bool IsNameStart(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-bool IsNameChar(unsigned char c) {
-    return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == ':';
-}
-
-// What a scan of plain markup found at a '<'.
-enum class Markup { OPEN, CLOSE, EMPTY, DECLARATION, OTHER };
-
-// Reads the plain construct that starts at text[i] == '<' and sets `end` one past its '>':
-// "<name>", "</name>", "<name/>" (bare ASCII names, blanks only before the '>'), or an XML
-// declaration whose attributes are version, encoding and standalone with quoted printable
-// values. Anything else is OTHER.
-Markup ReadPlainMarkup(const std::string& text, std::size_t i, std::size_t& end) {
-    const auto at = [&text](std::size_t k) -> unsigned char {
-        return k < text.size() ? static_cast<unsigned char>(text[k]) : 0;
-    };
-    std::size_t p = i + 1;
-    if (text.compare(i, 5, "<?xml") == 0) {
-        for (p = i + 5;;) {
-            std::size_t q = p;
-            while (IsSpace(at(q))) ++q;
-            if (at(q) == '?' && at(q + 1) == '>') {
-                end = q + 2;
-                return Markup::DECLARATION;
-            }
-            if (q == p) return Markup::OTHER;  // an attribute must follow a blank
-            std::size_t nameEnd = q;
-            while (IsNameChar(at(nameEnd))) ++nameEnd;
-            const std::string name = text.substr(q, nameEnd - q);
-            if (name != "version" && name != "encoding" && name != "standalone") {
-                return Markup::OTHER;
-            }
-            for (q = nameEnd; IsSpace(at(q));) ++q;
-            if (at(q) != '=') return Markup::OTHER;
-            for (++q; IsSpace(at(q));) ++q;
-            const unsigned char quote = at(q);
-            if (quote != '"' && quote != '\'') return Markup::OTHER;
-            for (++q; at(q) != quote; ++q) {
-                const unsigned char c = at(q);
-                if (c < 0x20 || c > 0x7E || c == '<' || c == '>' || c == '&' || c == '"' ||
-                    c == '\'') {
-                    return Markup::OTHER;
-                }
-            }
-            p = q + 1;
-        }
-    }
-    const bool close = at(p) == '/';
-    if (close) ++p;
-    if (!IsNameStart(at(p))) return Markup::OTHER;
-    while (IsNameChar(at(p))) ++p;
-    while (IsSpace(at(p))) ++p;
-    if (at(p) == '>') {
-        end = p + 1;
-        return close ? Markup::CLOSE : Markup::OPEN;
-    }
-    if (!close && at(p) == '/' && at(p + 1) == '>') {
-        end = p + 2;
-        return Markup::EMPTY;
-    }
-    return Markup::OTHER;
-}
-
-// The length of the UTF-8 sequence a lead byte announces, as a parser in UTF-8 mode steps over
-// it (1 for every byte below 0xC0).
-std::size_t SequenceLength(unsigned char c) {
-    return c < 0xC0 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-}
-
-// An upper bound of the element nesting TinyXML's recursive parser can reach on `text`, or
-// some value above `limit` once the bound passes it.
-//
-// The parser opens an element only at a '<' followed by a name, and closes one only at "</".
-// Every '<' not followed by '/', '!' or '?' is counted as an open, which can only over-estimate.
-// A "</" closes nothing inside a comment, CDATA, DOCTYPE, processing instruction or quoted
-// attribute value, and in UTF-8 text a malformed multi-byte sequence can swallow its '<'; so a
-// "</" is counted as a close only while everything before it is plain: bare tags, text with
-// well-formed multi-byte sequences, and plain XML declarations, which the parser reads exactly
-// as this scan does. The first thing of any other kind ends the plain prefix: from there on no
-// close counts and every possible open does, to the end of the text (past NUL bytes too).
-int NestingBound(const std::string& text, int limit) {
-    const std::size_t n = text.size();
+// The deepest element of `document`, counting its top-level elements as depth 1; found without
+// recursion, so that it can be taken of a tree of any depth. Only elements have children, so
+// the depth of a node below the document is the number of elements above it plus one.
+int ElementDepth(const TiXmlDocument& document) {
     int depth = 0;
     int deepest = 0;
-    bool plain = true;
-    std::size_t i = 0;
-    while (i < n && deepest <= limit) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (plain) {
-            if (c == '\0') break;  // the parser stops here
-            if (c != '<') {
-                const std::size_t length = SequenceLength(c);
-                std::size_t k = 1;
-                while (k < length && i + k < n && (text[i + k] & 0xC0) == 0x80) ++k;
-                if (k == length) {
-                    i += length;
-                    continue;
-                }
-                plain = false;
-                continue;
-            }
-            std::size_t end = i;
-            switch (ReadPlainMarkup(text, i, end)) {
-                case Markup::OPEN:
-                    deepest = std::max(deepest, ++depth);
-                    i = end;
-                    continue;
-                case Markup::CLOSE:
-                    // At the top level the parser skips a stray end tag.
-                    depth = std::max(depth - 1, 0);
-                    i = end;
-                    continue;
-                case Markup::EMPTY:
-                case Markup::DECLARATION:
-                    i = end;
-                    continue;
-                case Markup::OTHER:
-                    plain = false;
-                    continue;
-            }
+    const TiXmlNode* node = document.FirstChild();
+    while (node != nullptr) {
+        if (node->ToElement() != nullptr) deepest = std::max(deepest, depth + 1);
+        if (node->FirstChild() != nullptr) {
+            node = node->FirstChild();
+            ++depth;
+            continue;
         }
-        if (c == '<' && i + 1 < n && text[i + 1] != '/' && text[i + 1] != '!' &&
-            text[i + 1] != '?') {
-            deepest = std::max(deepest, ++depth);
+        while (node != nullptr && node->NextSibling() == nullptr) {
+            node = node->Parent();
+            --depth;
+            if (node == &document) return deepest;
         }
-        ++i;
+        if (node != nullptr) node = node->NextSibling();
     }
     return deepest;
+}
+
+// The stack a parse of a text with `openings` '<' characters may need: the parser recurses at
+// most once per element, and every element starts at a '<'.
+std::size_t ParserStackBytes(std::size_t openings) {
+    return XMLRPC::kParserStackReserve +
+           openings * XMLRPC::kParserStackBytesPerLevel * XMLRPC::kParserStackMargin;
 }
 
 TiXmlElement* LinkElement(TiXmlElement* parent, const char* tag) {
@@ -293,16 +190,37 @@ int XMLRPC::Parse(const std::string& text) {
     log.Put(text, 15);
     m_request.Clear();
     m_response.Clear();
-    if (NestingBound(text, kMaxDepth) > kMaxDepth) {
-        log.Put("XMLRPC::Parse request nested too deeply, refused", 8);
+    m_refused = false;
+    // Every element the parser opens starts at a '<', so their number bounds the nesting from
+    // above whatever else the text holds.
+    const std::size_t openings =
+        static_cast<std::size_t>(std::count(text.begin(), text.end(), '<'));
+    bool tooDeep = false;
+    const auto parse = [this, &text, &tooDeep] {
+        // In UTF-8 text the parser steps over a whole multi-byte sequence at once, even one cut
+        // short by the end of the text: the padding keeps it inside the buffer.
+        std::string padded;
+        padded.reserve(text.size() + kParserPadding);
+        padded.append(text).append(kParserPadding, '\0');
+        m_request.Parse(padded.c_str());
+        if (ElementDepth(m_request) > kMaxDepth) {
+            tooDeep = true;
+            m_request.Clear();  // destroying the tree recurses as deep as parsing did
+        }
+    };
+    if (openings > kMaxOpenings) {
+        tooDeep = true;  // refused unparsed: a parse this deep would take seconds
+    } else if (openings <= kInlineOpenings) {
+        parse();
+    } else if (!RunWithStack(ParserStackBytes(openings), parse)) {
+        log.Put("XMLRPC::Parse no stack for the parser, refused", 8);
+        m_refused = true;
         return 0;
     }
-    // In UTF-8 text the parser steps over a whole multi-byte sequence at once, even one cut
-    // short by the end of the text: the padding keeps it inside the buffer.
-    std::string padded;
-    padded.reserve(text.size() + kParserPadding);
-    padded.append(text).append(kParserPadding, '\0');
-    m_request.Parse(padded.c_str());
+    if (tooDeep) {
+        log.Put("XMLRPC::Parse request nested too deeply, refused", 8);
+        m_refused = true;
+    }
     return 0;
 }
 
