@@ -57,10 +57,12 @@ void* RunBody(void* body) {
 
 }  // namespace
 
-void RunOnSmallStack(const std::function<void()>& body) {
+void RunOnSmallStack(const std::function<void()>& body) { RunOnStack(kStackBytes, body); }
+
+void RunOnStack(std::size_t bytes, const std::function<void()>& body) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, kStackBytes);
+    pthread_attr_setstacksize(&attributes, bytes);
     pthread_t thread;
     if (pthread_create(&thread, &attributes, RunBody, const_cast<std::function<void()>*>(&body)) !=
         0) {

@@ -17,6 +17,11 @@ namespace Fuzz {
 // input shows up long before it could exhaust a service thread.
 const std::size_t kStackBytes = 1u << 20;
 
+// Enough for any parse the service admits, many times over.
+const std::size_t kLargeStackBytes = 64u << 20;
+
+// Runs `body` on a new thread with a stack of `bytes` and waits for it.
+void RunOnStack(std::size_t bytes, const std::function<void()>& body);
 // Runs `body` on a new thread with a kStackBytes stack and waits for it.
 void RunOnSmallStack(const std::function<void()>& body);
 

@@ -2,22 +2,34 @@
 // cut into lines and requests by the listener's own reader and framer; each request is parsed,
 // dispatched and answered as a worker does. Files are touched only inside the scratch folder,
 // which holds a photo with an embedded thumbnail, one without, and a file that is not a JPEG.
+//
+// Built with VARNELO_FUZZ_GUARD (the target request-guard), the input is one request text, and
+// the parser's nesting guard is checked against the tree the parser really builds: a refused
+// request no deeper than the limit, or an admitted one deeper, is a finding. Requests with more
+// '<' than the parser is ever given must be refused.
 
 #include <sys/mman.h>
 #include <tinyxml.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
 #include "fuzz_support.h"
-#include "server.h"
 #include "samples/sample_photos.h"
+#include "server.h"
 #include "xmlrpc.h"
 
 namespace {
 
 using namespace Varnelo;
+
+#ifdef VARNELO_FUZZ_GUARD
+const bool kGuardMode = true;
+#else
+const bool kGuardMode = false;
+#endif
 
 // A response, when there is one, is a single whole methodResponse document.
 void Answer(const std::string& request) {
@@ -29,6 +41,37 @@ void Answer(const std::string& request) {
     TiXmlDocument document;
     document.Parse(response.c_str());
     if (document.Error() || document.FirstChildElement("methodResponse") == nullptr) std::abort();
+}
+
+// The depth of the deepest element below `node`, by plain recursion: the reference the guard's
+// own walk is checked against.
+int Depth(const TiXmlNode* node) {
+    int deepest = 0;
+    for (const TiXmlNode* child = node->FirstChild(); child != nullptr;
+         child = child->NextSibling()) {
+        if (child->ToElement() != nullptr) deepest = std::max(deepest, 1 + Depth(child));
+    }
+    return deepest;
+}
+
+void CheckGuard(const std::string& text) {
+    XMLRPC rpc;
+    rpc.Parse(text);
+    if (static_cast<std::size_t>(std::count(text.begin(), text.end(), '<')) >
+        XMLRPC::kMaxOpenings) {
+        if (!rpc.Refused()) std::abort();
+        return;
+    }
+    int depth = 0;
+    Fuzz::RunOnStack(Fuzz::kLargeStackBytes, [&text, &depth] {
+        // The parser is given the text as the service gives it: followed by NUL bytes.
+        const std::string padded = text + std::string(4, '\0');
+        TiXmlDocument document;
+        document.Parse(padded.c_str());
+        depth = Depth(&document);
+        document.Clear();
+    });
+    if (rpc.Refused() != (depth > XMLRPC::kMaxDepth)) std::abort();
 }
 
 void Listen(int fd) {
@@ -48,6 +91,11 @@ void Listen(int fd) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (kGuardMode) {
+        const std::string text(reinterpret_cast<const char*>(data), size);
+        Fuzz::RunOnSmallStack([&text] { CheckGuard(text); });
+        return 0;
+    }
     static const std::string photo =
         EncodeJpeg({200, 150}, {{0xE1, BuildExif({200, 150, EncodeJpeg({40, 30})}).payload}});
     static const std::string plain = EncodeJpeg({120, 90, JpegKind::COLOUR_444});

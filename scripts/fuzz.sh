@@ -6,13 +6,16 @@
 # prints the executions and new findings of each target. Findings are written to
 # build-fuzz/findings/TARGET/; once fixed, keep each one in fuzz/regressions/TARGET/, where
 # scripts/test.sh replays it. The corpora grow in build-fuzz/corpus/ from run to run.
+# request-guard checks the nesting guard's every decision against the tree the parser builds; it
+# starts from the request target's seeds and reproducers, and its inputs may be long enough to
+# reach the guard's largest parses.
 set -euo pipefail
 
 seconds=${1:-60}
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 build="$root/build-fuzz"
-targets=(request exif convert)
+targets=(request request-guard exif convert)
 
 scripts/install-deps.sh
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNELO_FUZZ=ON \
@@ -28,11 +31,14 @@ for target in "${targets[@]}"; do
     corpus="$build/corpus/$target"
     findings="$build/findings/$target"
     mkdir -p "$corpus" "$findings"
-    cp -n "$build/seeds/$target/"* "$corpus/"
-    cp -n fuzz/regressions/"$target"/* "$corpus/" 2>/dev/null || true
+    source=${target%-guard}
+    options=()
+    [ "$target" = "$source" ] || options=(-max_len=40000)
+    cp -n "$build/seeds/$source/"* "$corpus/"
+    cp -n fuzz/regressions/"$source"/* "$corpus/" 2>/dev/null || true
     before=$(find "$findings" -type f | wc -l)
     log="$build/fuzz-$target.log"
-    "$build/fuzz/fuzz-$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=4096 \
+    "$build/fuzz/fuzz-$target" "${options[@]}" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=4096 \
         -print_final_stats=1 -artifact_prefix="$findings/" "$corpus" >"$log" 2>&1 || true
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
     new=$(($(find "$findings" -type f | wc -l) - before))
