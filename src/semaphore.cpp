@@ -1,8 +1,11 @@
 #include "semaphore.h"
 
 #include <fcntl.h>
+#include <time.h>
 
 #include <cstring>
+
+#include "utils.h"
 
 namespace Varnelo {
 
@@ -22,6 +25,19 @@ Semaphore::~Semaphore() {
 int Semaphore::Wait() {
     if (m_handle == SEM_FAILED) return -1;
     return sem_wait(m_handle);
+}
+
+int Semaphore::TimedWait(int milliseconds) {
+    if (m_handle == SEM_FAILED) {
+        Sleep_ms(milliseconds);
+        return -1;
+    }
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const long nanoseconds = deadline.tv_nsec + (milliseconds % 1000) * 1000000L;
+    deadline.tv_sec += milliseconds / 1000 + nanoseconds / 1000000000L;
+    deadline.tv_nsec = nanoseconds % 1000000000L;
+    return sem_clockwait(m_handle, CLOCK_MONOTONIC, &deadline) == 0 ? 0 : -1;
 }
 
 bool Semaphore::TryWait() {

@@ -16,6 +16,9 @@ class Semaphore {
 
     // Blocks until the count is positive, then decrements it.
     int Wait();
+    // Like Wait, but gives up after `milliseconds` (of the monotonic clock) or a signal; 0 when
+    // the count was decremented, -1 otherwise. Without a semaphore it sleeps out the time.
+    int TimedWait(int milliseconds);
     // Decrements the count if it is positive; never blocks. True when it did.
     bool TryWait();
     int Post();

@@ -14,7 +14,7 @@ namespace Varnelo {
 
 namespace {
 
-std::string SemaphoreName() { return "jprocsem_" + ToString(static_cast<int>(getpid())); }
+std::string SemaphoreName(int id) { return "jprocsem_" + ToString(id); }
 
 }  // namespace
 
@@ -66,7 +66,10 @@ void SocketTask::Execute() {
     close(m_socket);
 }
 
-TaskQueue::TaskQueue(int capacity) : m_count(SemaphoreName().c_str(), 0), m_capacity(capacity) {
+TaskQueue::TaskQueue(int capacity) : TaskQueue(capacity, static_cast<int>(getpid())) {}
+
+TaskQueue::TaskQueue(int capacity, int nameId)
+    : m_count(SemaphoreName(nameId).c_str(), 0), m_capacity(capacity), m_uncounted(0) {
     AutoLock lock(m_lock);
     if (m_count.Id() == -1) log.Put("TaskQueue::SEM_FAILED", 8);
     // A process that ended earlier under the same id may have left a count behind.
@@ -88,23 +91,35 @@ void TaskQueue::Push(std::unique_ptr<Task> task) {
 }
 
 std::unique_ptr<Task> TaskQueue::Pop() {
-    m_count.Wait();
-    std::unique_ptr<Task> task;
-    {
-        AutoLock lock(m_lock);
-        if (m_queue.empty()) {
-            log.Put("TaskQueue::sem error", 8);
-        } else {
-            task = std::move(m_queue.front());
-            m_queue.pop_front();
+    for (;;) {
+        const bool counted = m_count.TimedWait(kWakeCheckMs) == 0;
+        std::unique_ptr<Task> task;
+        bool stray = false;
+        {
+            AutoLock lock(m_lock);
+            if (!m_queue.empty()) {
+                task = std::move(m_queue.front());
+                m_queue.pop_front();
+                // Its count is still on its way, or another process took it.
+                if (!counted) ++m_uncounted;
+            } else if (counted) {
+                if (m_uncounted > 0) {
+                    --m_uncounted;  // the late count of a task taken without one
+                } else {
+                    log.Put("TaskQueue::sem error", 8);
+                    stray = true;
+                }
+            }
+        }
+        if (task) {
+            log.Put("TaskQueue::Pop", 8);
+            return task;
+        }
+        if (stray) {
+            Sleep_ms(10);
+            return nullptr;
         }
     }
-    if (!task) {
-        Sleep_ms(10);
-        return nullptr;
-    }
-    log.Put("TaskQueue::Pop", 8);
-    return task;
 }
 
 int TaskQueue::Size() {

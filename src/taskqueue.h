@@ -68,26 +68,40 @@ class SocketTask : public Task {
 // guards the queue; the named semaphore "jprocsem_<pid>" counts queued tasks so that Pop
 // can sleep. Push never blocks: a task pushed onto a full queue is destroyed silently.
 //
+// The semaphore's name is cut to 15 characters, so services whose process ids differ only in
+// their last digits share one kernel count, and a worker of one may take the count that another
+// posted for its own task. Pop therefore waits at most kWakeCheckMs at a time and then looks at
+// its own queue: a task whose count went elsewhere waits no longer than that.
+//
 // Threads: any number may Push, Pop and Size at once. Only one queue should exist per
 // process at a time, since the semaphore's name is derived from the process id.
 class TaskQueue {
   public:
     explicit TaskQueue(int capacity);
+    // With `nameId` in place of the process id in the semaphore's name: for tests that need
+    // two queues to share a name.
+    TaskQueue(int capacity, int nameId);
     virtual ~TaskQueue();
     TaskQueue(const TaskQueue&) = delete;
     TaskQueue& operator=(const TaskQueue&) = delete;
 
     void Push(std::unique_ptr<Task> task);
-    // Blocks until a task is counted; returns null (after a 10 ms pause) when the count
-    // had no task behind it.
+    // Blocks until there is a task; returns null (after a 10 ms pause) when a count had no
+    // task behind it.
     std::unique_ptr<Task> Pop();
     int Size();
+
+    static constexpr int kWakeCheckMs = 100;
 
   private:
     std::deque<std::unique_ptr<Task>> m_queue;
     Mutex m_lock;
     Semaphore m_count;
     int m_capacity;
+    // Tasks that Pop took after a wait ran out, before their count reached one of this queue's
+    // waiters: as many counts of this process's own may still arrive with no task behind them,
+    // and are no fault. Guarded by m_lock.
+    int m_uncounted;
 };
 
 }  // namespace Varnelo
