@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Usage: scripts/fuzz.sh [SECONDS]   (fuzzes each target for SECONDS, default 60, one after another)
+# Usage: scripts/fuzz.sh [SECONDS [TARGET...]]   (fuzzes each target, or the ones named, for
+#        SECONDS, default 60, one after another)
 #
 # Builds the libFuzzer targets with clang under AddressSanitizer and UndefinedBehaviorSanitizer in
 # build-fuzz, seeds each target's corpus with the generated seeds and the kept reproducers, and
@@ -16,6 +17,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 build="$root/build-fuzz"
 targets=(request request-guard exif convert)
+[ $# -le 1 ] || targets=("${@:2}")
 
 scripts/install-deps.sh
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNELO_FUZZ=ON \
