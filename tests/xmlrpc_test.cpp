@@ -313,6 +313,10 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
     std::vector<std::string> deep = hidden(250);
     for (const std::string& text : hidden(10)) deep.push_back(text);
     deep.push_back(Nest(XMLRPC::kMaxDepth, "<b/>"));
+    for (const Shape& shape : shapes) {
+        deep.push_back(shape.frame(Repeat("<a>", 50000)));
+        deep.push_back(shape.frame(Nest(2000)));
+    }
 
     PrivateService copy;
     ServiceProcess service(copy.Binary(), {"-l", "9"});
