@@ -35,7 +35,7 @@ for target in "${targets[@]}"; do
     mkdir -p "$corpus" "$findings"
     source=${target%-guard}
     options=()
-    [ "$target" = "$source" ] || options=(-max_len=40000)
+    [ "$target" = "$source" ] || options=(-max_len=40000 -dict=fuzz/request-guard.dict)
     cp -n "$build/seeds/$source/"* "$corpus/"
     cp -n fuzz/regressions/"$source"/* "$corpus/" 2>/dev/null || true
     before=$(find "$findings" -type f | wc -l)
