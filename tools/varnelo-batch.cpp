@@ -54,7 +54,8 @@ int DryRun(const std::vector<Photo>& photos) {
     std::size_t counts[7] = {};
     for (const Photo& p : photos) {
         Status status = p.Overall();
-        if (status == Status::UP_TO_DATE && p.thumb.status == Status::PENDING) {
+        if (status == Status::UP_TO_DATE && !p.thumb.path.empty() &&
+            p.thumb.status == Status::PENDING) {
             status = Status::PENDING;
         }
         ++counts[static_cast<int>(status)];

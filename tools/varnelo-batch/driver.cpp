@@ -76,10 +76,10 @@ void Driver::Run() {
         }
         if (!m_closing) {
             if (!m_books.InFlight()) m_lastAnswer = Clock::now();
-            for (Request request; !m_broken && m_books.Next(request);) {
-                if (!Send(request)) break;
-            }
+            bool lost = false;
+            for (Request request; !lost && m_books.Next(request);) lost = !Send(request);
             if (m_broken) return Settle(m_books.DropAll(m_whyNot), true);
+            if (lost) continue;  // restarted: send again before waiting
             if (!m_books.Open()) BeginClose();
         }
         if (m_closeAnswered && m_service.InputOpen()) m_service.CloseInput();
@@ -103,7 +103,8 @@ void Driver::Run() {
             if (m_options.verbosity == 2) m_progress.Note("varnelo-batch: the service " + how);
             break;
         }
-        if (!open || Clock::now() >= m_lastAnswer + StallTimeout()) {
+        const bool waiting = m_books.InFlight() || m_closing;
+        if (!open || (waiting && Clock::now() >= m_lastAnswer + StallTimeout())) {
             const std::string how =
                 !open ? "ended unexpectedly: it " + m_service.Kill() : "stopped answering";
             if (m_closing) break;  // hung in the close: what it held is not processed
