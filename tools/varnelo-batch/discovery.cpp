@@ -33,7 +33,9 @@ bool IsHidden(const std::string& name) {
 Photo Problem(const std::string& shown, const std::string& problem) {
     Photo photo;
     photo.shown = shown;
-    photo.source = shown;
+    std::error_code ec;
+    const fs::path absolute = fs::absolute(shown, ec);
+    photo.source = ec ? shown : absolute.lexically_normal().string();
     photo.problem = problem;
     return photo;
 }
