@@ -44,7 +44,7 @@ struct Settled {
 
 class Scheduler {
   public:
-    static const std::size_t kMaxPerRequest = 8;
+    static constexpr std::size_t kMaxPerRequest = 8;
 
     // `workers` is the service's number of workers; `maxPhotos` limits the photos in flight
     // (0 for no limit beyond the requests).
