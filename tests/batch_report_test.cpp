@@ -53,8 +53,7 @@ TEST(BatchOrientationTest, ReadsTheTagAndGivesItToFilesWithoutExif) {
     EXPECT_EQ(ReadOrientation(tmp.Write("other.jpg", WithExif(0x0110, 6, false))), 0);
     EXPECT_EQ(ReadOrientation(tmp.Write("bad.jpg", WithExif(0x0112, 9, false))), 0);
     EXPECT_EQ(ReadOrientation(tmp.Write("plain.jpg", EncodeJpeg({}))), 0);
-    std::string cut = WithExif(0x0112, 6, false);
-    EXPECT_EQ(ReadOrientation(tmp.Write("cut.jpg", cut.substr(0, 30))), 0);
+    EXPECT_EQ(ReadOrientation(tmp.Write("cut.jpg", WithExif(0x0112, 6, false).substr(0, 30))), 0);
 
     // Added after the JFIF APP0, alone, and the image still decodes.
     std::string jpeg = EncodeJpeg({});
