@@ -1,13 +1,14 @@
 // varnelo-batch end to end: the built client driving the built service over photo trees made
-// in code, checked through its report, its output tree and its exit status.
+// in code, checked through its report, its output tree, its messages and its exit status.
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -35,23 +36,14 @@ std::vector<std::string> Split(const std::string& line) {
     return fields;
 }
 
-// Reads the raw text of one field of a JSON Lines row, without the quotes of a string.
-std::string JsonField(const std::string& line, const std::string& name) {
-    const std::string key = "\"" + name + "\":";
-    const std::size_t at = line.find(key) + key.size();
-    std::string value = line.substr(at, line.find_first_of(",}", at) - at);
-    if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
-    return value;
-}
-
 class BatchTest : public ::testing::Test {
   protected:
-    // Writes `bytes` under in/, making the folders; returns the file's real path.
+    // Writes `bytes` under in/, making the folders; returns the file's path.
     std::string Put(const std::string& name, const std::string& bytes) {
         const fs::path path = fs::path(in) / name;
         fs::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << bytes;
-        return fs::canonical(path).string();
+        return path.string();
     }
 
     // Runs the client to its end with the service under test: exit status and standard error.
@@ -78,20 +70,21 @@ class BatchTest : public ::testing::Test {
         return rows;
     }
 
-    // The files under `folder`, relative to it.
+    // The files under `folder`, relative to it, but the books.
     static std::set<std::string> Files(const std::string& folder) {
         std::set<std::string> files;
         std::error_code ec;
         for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; ++it) {
-            if (it->is_regular_file()) files.insert(it->path().lexically_relative(folder));
+            const std::string name = it->path().lexically_relative(folder);
+            if (it->is_regular_file() && name != ".varnelo-batch.state") files.insert(name);
         }
         return files;
     }
 
-    // Starts the client on 60 copies of one photo and waits until it has converted one.
-    std::unique_ptr<ServiceProcess> StartLongBatch(const std::vector<std::string>& more) {
+    // Starts the client on `count` photos and waits until it has converted one.
+    std::unique_ptr<ServiceProcess> StartLongBatch(int count, std::vector<std::string> more) {
         const std::string photo = Jpeg(1000, 750);
-        for (int i = 0; i < 60; ++i) Put("p" + std::to_string(i) + ".jpg", photo);
+        for (int i = 0; i < count; ++i) Put("p" + std::to_string(i) + ".jpg", photo);
         std::vector<std::string> args = {"--service", VARNELO_BIN, "--size", "300", "--report",
                                          report,      in,          "-o",     out};
         args.insert(args.end(), more.begin(), more.end());
@@ -116,7 +109,7 @@ class BatchTest : public ::testing::Test {
     const std::string report = tmp.Path("report.csv");
 };
 
-TEST_F(BatchTest, ConvertsATreeAndReportsEveryPhotoOnce) {
+TEST_F(BatchTest, ConvertsATreeAsItIsOnDiskAndReportsEveryPhotoOnce) {
     struct Converted {
         std::string source, output;
         int width, height;
@@ -125,26 +118,36 @@ TEST_F(BatchTest, ConvertsATreeAndReportsEveryPhotoOnce) {
     const std::vector<Converted> converted = {
         {Put("a.jpg", Jpeg(800, 600)), "a.jpg", 800, 600},
         {Put("sub/b.JPEG", Jpeg(300, 400)), "sub/b-2.jpg", 300, 400},
-        {Put("sub/b.jpg", Jpeg(500, 250)), "sub/b.jpg", 500, 250},
-        {Put("sub/deep/c.jpeg", Jpeg(640, 480)), "sub/deep/c.jpg", 640, 480}};
-    const std::map<std::string, std::string> failed = {
-        {Put("small.jpg", Jpeg(150, 100)), "actual resolution less than requested"},
-        {Put("corrupt.jpg", TruncateInScan(Jpeg(800, 600))), "jpeg library warning(s)"},
-        {Put("fake.jpg", "not a photo"), "jpeg resampling error"}};
-    Put("notes.txt", "not a .jpg: left alone");
+        {Put("sub/b.jpg", Jpeg(500, 250)), "sub/b.jpg", 500, 250}};
+    const std::map<std::string, std::string> others = {
+        {Put("small.jpg", Jpeg(150, 100)), "too_small"},
+        {Put("corrupt.jpg", TruncateInScan(Jpeg(800, 600))), "failed"},
+        {Put("fake.jpg", "not a photo"), "failed"},
+        {in + "/sub/link.jpg", "duplicate"},  // a link to a.jpg, reached after it
+        {in + "/z-hard.jpg", "duplicate"},    // a second name of sub/b.jpg
+        {tmp.Path("missing.jpg"), "failed"}};
+    fs::create_symlink("../a.jpg", in + "/sub/link.jpg");
+    fs::create_hard_link(in + "/sub/b.jpg", in + "/z-hard.jpg");
+    // Hidden names, a NAS's thumbnail folder and files that are not .jpg are left alone.
+    Put(".hidden/h.jpg", Jpeg(800, 600));
+    Put("@eaDir/e.jpg", Jpeg(800, 600));
+    Put("._a.jpg", "resource fork");
+    Put("notes.txt", "text");
 
     const auto [status, err] = Run({"-r", "--size", "200", "--hash", "crc32", "--thumbnails",
-                                    "--report", report, in, "-o", out});
+                                    "--report", report, in, tmp.Path("missing.jpg"), "-o", out});
     EXPECT_EQ(status, 1) << err;
     EXPECT_NE(err.find("too small to reduce"), std::string::npos) << err;
+    EXPECT_NE(err.find("\n    " + tmp.Path("missing.jpg") + ": cannot read"), std::string::npos)
+        << err;
     std::map<std::string, Row> rows = ReadCsv(report);
-    EXPECT_EQ(rows.size(), converted.size() + failed.size());
+    EXPECT_EQ(rows.size(), converted.size() + others.size());
 
     std::set<std::string> expected = {"small_thumb.jpg"};  // thumbnails need only 72 pixels
     for (const Converted& c : converted) {
         Row& row = rows[c.source];
         const std::string copy = out + "/" + c.output;
-        EXPECT_EQ(row["success"], "true") << c.source;
+        EXPECT_EQ(row["status"], "converted") << c.source;
         EXPECT_EQ(row["output"], copy);
         EXPECT_EQ(row["width"] + "x" + row["height"],
                   std::to_string(c.width) + "x" + std::to_string(c.height));
@@ -153,69 +156,101 @@ TEST_F(BatchTest, ConvertsATreeAndReportsEveryPhotoOnce) {
         EXPECT_EQ(row["output_bytes"], std::to_string(ReadFileBytes(copy).size()));
         const DecodedJpeg decoded = DecodeJpeg(ReadFileBytes(copy));
         EXPECT_EQ(std::max(decoded.width, decoded.height), 200) << c.output;
-        EXPECT_EQ(row["thumbnail_success"], "true");
+        EXPECT_EQ(row["thumbnail_status"], "converted");
+        // The copy keeps its photo's modification time.
+        EXPECT_EQ(fs::last_write_time(copy), fs::last_write_time(c.source));
         expected.insert(c.output);
         expected.insert(c.output.substr(0, c.output.size() - 4) + "_thumb.jpg");
     }
-    for (const auto& [source, reason] : failed) {
-        EXPECT_EQ(rows[source]["success"], "false") << source;
-        EXPECT_EQ(rows[source]["failure_reason"], reason) << source;
-        EXPECT_EQ(rows[source]["output"], "") << source;
-    }
-    // No copy for a photo too small or broken; nothing for files that are not .jpg.
+    for (const auto& [source, state] : others) EXPECT_EQ(rows[source]["status"], state) << source;
+    EXPECT_EQ(rows[in + "/sub/link.jpg"]["reason"], "same file as " + in + "/a.jpg");
+    EXPECT_EQ(rows[in + "/corrupt.jpg"]["reason"], "jpeg library warning(s)");
+    // Nothing for photos too small or broken, no temporary file left.
     EXPECT_EQ(Files(out), expected);
-
-    // Without -r only the top folder is searched.
-    const std::string flat = tmp.Path("flat.csv");
-    EXPECT_EQ(Run({"--report", flat, in, "-o", tmp.Path("flat")}).first, 1);
-    EXPECT_EQ(ReadCsv(flat).size(), 4u);
 }
 
-TEST_F(BatchTest, MatchesAnswersToPhotosWhateverOrderTheyArriveIn) {
-    // Big photos first: the requests behind them, holding small ones, finish earlier.
-    std::map<std::string, std::string> sizes;
-    for (int i = 0; i < 24; ++i) {
-        const int width = i < 6 ? 1600 - 8 * i : 120 + 8 * i, height = width * 3 / 4 + i % 3;
-        const std::string name = (i < 10 ? "p0" : "p") + std::to_string(i) + ".jpg";
-        sizes[Put(name, Jpeg(width, height))] =
-            std::to_string(width) + "x" + std::to_string(height);
-    }
+TEST_F(BatchTest, ReRunsOnlyWhatChangedAndNeverTakesAPersonsFile) {
+    for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) Put(name, Jpeg(400, 300));
+    EXPECT_EQ(Run({"--size", "100", in, "-o", out}).first, 0);
     const std::string jsonl = tmp.Path("report.jsonl");
-    const auto [status, err] = Run({"--size", "100", "--report", jsonl, in, "-o", out});
-    EXPECT_EQ(status, 0) << err;
+    // A person's file at d's name; c changes; b was copied elsewhere by hand (time kept).
+    Put("d.jpg", Jpeg(400, 300));
+    const std::string mine = tmp.Write("out/d.jpg", "a person's own file");
+    Put("c.jpg", Jpeg(440, 300));
+    auto [status, err] = Run({"-q", "--size", "100", "--report", jsonl, in, "-o", out});
+    EXPECT_EQ(status, 1);
+    // -q: one line for the one failure, and nothing else.
+    EXPECT_EQ(err, "varnelo-batch: " + in + "/d.jpg: '" + out +
+                       "/d.jpg' exists and was not made by varnelo-batch "
+                       "from this photo (--overwrite replaces it)\n");
+    EXPECT_EQ(ReadFileBytes(mine), "a person's own file");
     const std::vector<std::string> lines = Lines(ReadFileBytes(jsonl));
-    ASSERT_EQ(lines.size(), sizes.size());
-    for (const std::string& line : lines) {
-        const std::string source = JsonField(line, "source");
-        EXPECT_EQ(JsonField(line, "width") + "x" + JsonField(line, "height"), sizes[source]);
-        EXPECT_EQ(JsonField(line, "hash"), TailMd5(source));  // the default
-        const DecodedJpeg copy = DecodeJpeg(ReadFileBytes(JsonField(line, "output")));
-        EXPECT_EQ(std::max(copy.width, copy.height), 100) << line;
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_NE(lines[0].find("\"status\":\"up_to_date\""), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("\"hash\":\"" + TailMd5(in + "/a.jpg")), std::string::npos);
+    EXPECT_NE(lines[2].find("\"status\":\"converted\""), std::string::npos) << lines[2];
+    EXPECT_NE(lines[3].find("\"status\":\"failed\""), std::string::npos) << lines[3];
+
+    // A dry run lists and changes nothing; other settings make everything again, and
+    // --overwrite takes the person's file.
+    std::tie(status, err) = Run({"-n", "--size", "90", in, "-o", out});
+    EXPECT_EQ(status, 1) << err;
+    EXPECT_EQ(ReadFileBytes(mine), "a person's own file");
+    std::tie(status, err) = Run({"--size", "90", "--overwrite", "--report", jsonl, in, "-o", out});
+    EXPECT_EQ(status, 0) << err;
+    EXPECT_EQ(DecodeJpeg(ReadFileBytes(mine)).width, 90);
+    EXPECT_EQ(ReadFileBytes(jsonl).find("up_to_date"), std::string::npos);
+
+    // Paths from standard input, NUL separated.
+    ServiceProcess list(kBatch,
+                        {"--service", VARNELO_BIN, "-n", "--size", "90", "-0", "-", "-o", out});
+    list.Send(in + "/a.jpg" + std::string(1, '\0') + in + "/b.jpg");
+    list.CloseInput();
+    EXPECT_EQ(list.Wait(), 0) << list.Stderr();
+    EXPECT_EQ(Lines(list.ReadRest()).back(), "0 to convert, 2 up to date, 0 failing, 0 duplicate");
+}
+
+TEST_F(BatchTest, KilledAtAnyMomentLeavesNoPartialCopyAndAReRunFinishes) {
+    const std::string photo = EncodeJpeg({1600, 1200, JpegKind::COLOUR_420, false, 90, true});
+    for (int i = 0; i < 40; ++i) Put("p" + std::to_string(i) + ".jpg", photo);
+    std::mt19937 random(std::random_device{}());
+    for (int kill = 0; kill < 6; ++kill) {
+        ServiceProcess batch(kBatch, {"--service", VARNELO_BIN, "-q", "--thumbnails", "--size",
+                                      "500", "--omit-exif", in, "-o", out});
+        usleep(std::uniform_int_distribution<int>(0, 400000)(random));
+        ::kill(batch.pid(), SIGKILL);
+        batch.Wait();
+        for (const std::string& file : Files(out)) {
+            if (file.rfind(".varnelo-batch-tmp-", 0) == 0) continue;
+            const std::string bytes = ReadFileBytes(out + "/" + file);
+            EXPECT_EQ(bytes.substr(bytes.size() - 2), "\xFF\xD9") << file << " after kill " << kill;
+        }
+    }
+    const auto [status, err] =
+        Run({"--thumbnails", "--size", "500", "--omit-exif", "--report", report, in, "-o", out});
+    EXPECT_EQ(status, 0) << err;
+    EXPECT_EQ(Files(out).size(), 80u);  // no temporary file left
+    for (const auto& [source, row] : ReadCsv(report)) {
+        EXPECT_TRUE(row.at("status") == "converted" || row.at("status") == "up_to_date") << source;
     }
 }
 
 TEST_F(BatchTest, RestartsAKilledServiceAndLosesNothing) {
-    std::unique_ptr<ServiceProcess> batch = StartLongBatch({});
+    std::unique_ptr<ServiceProcess> batch = StartLongBatch(60, {});
     const pid_t service = ServiceOf(batch->pid());
     ASSERT_GT(service, 0) << batch->Stderr();
     kill(service, SIGKILL);
     EXPECT_EQ(batch->Wait(60000), 0) << batch->Stderr();
 
-    const std::string err = batch->Stderr();
-    EXPECT_NE(err.find("restarting it"), std::string::npos) << err;
-    std::size_t lines = 0;
-    for (std::size_t at = 0; (at = err.find("] converted", at)) != std::string::npos; ++at) {
-        ++lines;
-    }
-    EXPECT_EQ(lines, 60u) << err;
+    EXPECT_NE(batch->Stderr().find("restarting it"), std::string::npos) << batch->Stderr();
     const std::map<std::string, Row> rows = ReadCsv(report);
     EXPECT_EQ(rows.size(), 60u);
-    for (const auto& [source, row] : rows) EXPECT_EQ(row.at("success"), "true") << source;
+    for (const auto& [source, row] : rows) EXPECT_EQ(row.at("status"), "converted") << source;
     EXPECT_EQ(Files(out).size(), 60u);
 }
 
-TEST_F(BatchTest, CtrlCClosesTheServiceAndReportsWhatWasDone) {
-    std::unique_ptr<ServiceProcess> batch = StartLongBatch({"-v"});
+TEST_F(BatchTest, CtrlCClosesTheServiceAndReportsWhatIsLeft) {
+    std::unique_ptr<ServiceProcess> batch = StartLongBatch(60, {"-v"});
     const pid_t service = ServiceOf(batch->pid());
     ASSERT_GT(service, 0) << batch->Stderr();
     kill(batch->pid(), SIGINT);
@@ -225,45 +260,56 @@ TEST_F(BatchTest, CtrlCClosesTheServiceAndReportsWhatWasDone) {
     EXPECT_NE(batch->Stderr().find("the service exited with status 0"), std::string::npos)
         << batch->Stderr();
     EXPECT_NE(kill(service, 0), 0);
-    // Every copy written is in the report, and every reported copy was written.
-    std::set<std::string> reported;
+    // Every photo is in the report; every copy written is a converted row, and back.
+    std::set<std::string> converted;
+    std::size_t left = 0;
     for (const auto& [source, row] : ReadCsv(report)) {
-        EXPECT_EQ(row.at("success"), "true") << source;
-        reported.insert(fs::path(row.at("output")).lexically_relative(out));
+        if (row.at("status") == "converted") {
+            converted.insert(fs::path(row.at("output")).lexically_relative(out));
+        } else {
+            EXPECT_EQ(row.at("status"), "not_processed") << source;
+            ++left;
+        }
     }
-    EXPECT_FALSE(reported.empty());
-    EXPECT_EQ(Files(out), reported);
+    EXPECT_EQ(converted.size() + left, 60u);
+    EXPECT_GT(left, 0u);
+    EXPECT_EQ(Files(out), converted);
 }
 
-TEST_F(BatchTest, RefusesBadUsageAndUnusablePaths) {
+TEST_F(BatchTest, RefusesBadUsageAndUnusablePathsBeforeAnyWork) {
     Put("a.jpg", Jpeg(64, 48));
     const std::vector<std::vector<std::string>> badUsage = {
         {},
         {in},
-        {"-o", out},
         {in, "-o"},
         {"--size", "31", in, "-o", out},
-        {"--quality", "high", in, "-o", out},
+        {"-j", "0", in, "-o", out},
         {"--hash", "sha1", in, "-o", out},
         {"--report", tmp.Path("report.txt"), in, "-o", out},
-        {"--bogus", in, "-o", out}};
+        {"--bogus", in, "-o", out},
+        {in, "-o", in + "/."}};  // the output folder is the input folder
     for (const std::vector<std::string>& args : badUsage) {
         const auto [status, err] = Run(args);
-        EXPECT_EQ(status, 2) << args.size();
-        EXPECT_NE(err.find("usage: varnelo-batch"), std::string::npos) << err;
+        EXPECT_EQ(status, 2) << err;
+        const std::vector<std::string> lines = Lines(err);
+        ASSERT_EQ(lines.size(), 2u) << err;
+        EXPECT_EQ(lines[1], "Try 'varnelo-batch --help' for more information.");
     }
-    // An input that cannot be read, or an output folder that cannot be made: one line.
+    // A report or output folder that cannot be written: one line, and nothing done.
     const std::string file = tmp.Write("file", "");
-    const std::map<std::string, std::vector<std::string>> unusable = {
-        {"cannot read '" + tmp.Path("missing") + "'", {tmp.Path("missing"), "-o", out}},
-        {"cannot create the output folder '" + file + "/sub'", {in, "-o", file + "/sub"}}};
-    for (const auto& [message, args] : unusable) {
+    for (const auto& [message, args] : std::map<std::string, std::vector<std::string>>{
+             {"cannot write the report '" + file + "/r.csv'",
+              {"--report", file + "/r.csv", in, "-o", out}},
+             {"cannot create the output folder '" + file + "/sub'", {in, "-o", file + "/sub"}}}) {
         const auto [status, err] = Run(args);
         EXPECT_EQ(status, 1) << err;
         EXPECT_EQ(Lines(err).size(), 1u) << err;
         EXPECT_NE(err.find(message), std::string::npos) << err;
     }
     EXPECT_FALSE(fs::exists(out));
+    ServiceProcess version(kBatch, {"--version"});
+    EXPECT_EQ(version.Wait(), 0);
+    EXPECT_EQ(version.ReadRest().rfind("varnelo-batch ", 0), 0u);
 }
 
 }  // namespace

@@ -1,0 +1,152 @@
+// varnelo-batch's plan and books: the names of the outputs, what an earlier run's books make
+// of the files found at them, and the books read back after a run was killed.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "support/service_process.h"
+#include "support/temp_dir.h"
+#include "varnelo-batch/discovery.h"
+#include "varnelo-batch/plan.h"
+#include "varnelo-batch/state.h"
+
+namespace fs = std::filesystem;
+
+namespace Varnelo {
+namespace {
+
+class BatchPlanTest : public ::testing::Test {
+  protected:
+    Photo Source(const std::string& relative) {
+        const std::string path = tmp.Path("in/" + relative);
+        fs::create_directories(fs::path(path).parent_path());
+        if (!fs::exists(path)) tmp.Write("in/" + relative, "photo " + relative);
+        Photo photo;
+        photo.source = photo.shown = path;
+        photo.relative = relative;
+        photo.file = Identify(path);
+        return photo;
+    }
+
+    std::vector<Photo> Plan(std::vector<Photo> photos, bool overwrite = false) {
+        StateFile state(out);
+        std::string error;
+        EXPECT_TRUE(state.Load(false, error)) << error;
+        rules.overwrite = overwrite;
+        NameOutputs(photos, rules, state);
+        Decide(photos, rules, state);
+        return photos;
+    }
+
+    // Books the copy of `photo` as if a run had just made it.
+    void Made(const Photo& photo, const std::string& settings) {
+        tmp.Write("out/" + fs::path(photo.copy.path).filename().string(), "copy");
+        StateFile state(out);
+        std::string error;
+        Record record;
+        record.output = fs::path(photo.copy.path).filename().string();
+        record.source = photo.source;
+        record.sourceSize = photo.file.size;
+        record.sourceMtimeNs = photo.file.mtimeNs;
+        record.settings = settings;
+        record.file = IdentifyOutput(photo.copy.path);
+        ASSERT_TRUE(state.Load(true, error) && state.Append(record, error)) << error;
+    }
+
+    TempDir tmp;
+    const std::string out = (fs::create_directories(tmp.Path("out")), tmp.Path("out"));
+    PlanRules rules = {out, "shown", false, false, "copy size=100", "thumbnail size=72"};
+};
+
+TEST_F(BatchPlanTest, NamesEachOutputOnceAndKeepsTheNamesOfTheBooks) {
+    rules.thumbnails = true;
+    std::vector<Photo> photos =
+        Plan({Source("b.JPEG"), Source("b.jpg"), Source("sub/c.jpeg"), Source("b_thumb.jpg")});
+    EXPECT_EQ(photos[0].copy.path, out + "/b-2.jpg");  // b.jpg chose first
+    EXPECT_EQ(photos[1].copy.path, out + "/b.jpg");
+    EXPECT_EQ(photos[1].thumb.path, out + "/b_thumb.jpg");
+    EXPECT_EQ(photos[2].copy.shown, "shown/sub/c.jpg");
+    EXPECT_EQ(photos[3].copy.path, out + "/b_thumb-2.jpg");  // b_thumb.jpg is b.jpg's thumbnail
+    EXPECT_EQ(fs::path(photos[0].copy.temp).parent_path(), out);
+
+    // Once b.JPEG has its copy booked as b.jpg, it keeps that name, even beside b.jpg.
+    rules.thumbnails = false;
+    Photo first = Plan({Source("b.JPEG")})[0];
+    Made(first, rules.copySettings);
+    photos = Plan({Source("b.JPEG"), Source("b.jpg")});
+    EXPECT_EQ(photos[0].copy.path, out + "/b.jpg");
+    EXPECT_EQ(photos[0].copy.status, Status::UP_TO_DATE);
+    EXPECT_EQ(photos[1].copy.path, out + "/b-2.jpg");
+}
+
+TEST_F(BatchPlanTest, TakesOnlyFilesItMadeFromTheSamePhoto) {
+    const Photo a = Plan({Source("a.jpg")})[0];
+    Made(a, rules.copySettings);
+    tmp.Write("out/user.jpg", "a person's file");
+    Photo user = Source("user.jpg");
+
+    std::vector<Photo> photos = Plan({a, user});
+    EXPECT_EQ(photos[0].copy.status, Status::UP_TO_DATE);
+    EXPECT_EQ(photos[1].copy.status, Status::FAILED);
+    EXPECT_NE(photos[1].copy.reason.find("not made by varnelo-batch"), std::string::npos);
+    EXPECT_EQ(Plan({user}, true)[0].copy.status, Status::PENDING);  // --overwrite
+
+    // Another photo that would take a's copy fails: the copy is a's.
+    Photo other = Source("x/a.jpg");
+    other.relative = "a.jpg";
+    photos = Plan({other});
+    EXPECT_EQ(photos[0].copy.status, Status::FAILED);
+    EXPECT_NE(photos[0].copy.reason.find("holds the copy of another photo"), std::string::npos);
+
+    // Other settings, a changed photo, or a copy changed by hand: made again, or refused.
+    rules.copySettings = "copy size=200";
+    EXPECT_EQ(Plan({a})[0].copy.status, Status::PENDING);
+    rules.copySettings = "copy size=100";
+    Photo changed = Source("a.jpg");
+    changed.file.mtimeNs += 1;
+    EXPECT_EQ(Plan({changed})[0].copy.status, Status::PENDING);
+    tmp.Write("out/a.jpg", "edited by hand");
+    EXPECT_EQ(Plan({a})[0].copy.status, Status::FAILED);
+}
+
+TEST_F(BatchPlanTest, BooksOfAKilledRunStillExplainEveryFile) {
+    const Photo a = Plan({Source("a.jpg")})[0];
+    Made(a, "old");
+    // A record booked before a rename that never happened, then a line cut by the kill.
+    Record unfinished;
+    unfinished.output = "a.jpg";
+    unfinished.source = a.source;
+    unfinished.settings = "new";
+    unfinished.file = {0, 0, 12345, 1, true};
+    {
+        StateFile state(out);
+        std::string error;
+        ASSERT_TRUE(state.Load(true, error) && state.Append(unfinished, error)) << error;
+    }
+    std::ofstream(tmp.Path("out/") + StateFile::kName, std::ios::app) << "a.jpg\tcut";
+
+    StateFile state(out);
+    std::string error;
+    ASSERT_TRUE(state.Load(true, error));
+    const Record* found = state.Find("a.jpg", IdentifyOutput(a.copy.path));
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->settings, "old");
+    // A second run cannot take the folder while this one holds it.
+    StateFile second(out);
+    EXPECT_FALSE(second.Load(true, error));
+    EXPECT_NE(error.find("another varnelo-batch"), std::string::npos);
+
+    ASSERT_TRUE(state.Compact(error)) << error;
+    EXPECT_EQ(Lines(ReadFileBytes(tmp.Path("out/") + StateFile::kName)).size(), 2u);
+
+    // Leftovers of temporary names go; a person's files that look alike stay.
+    tmp.Write("out/" + std::string(kTempPrefix) + "77-1.jpg", "half");
+    tmp.Write("out/" + std::string(kTempPrefix) + "notes.txt", "mine");
+    EXPECT_EQ(RemoveLeftovers(out), 1u);
+    EXPECT_TRUE(fs::exists(tmp.Path("out/") + kTempPrefix + "notes.txt"));
+}
+
+}  // namespace
+}  // namespace Varnelo

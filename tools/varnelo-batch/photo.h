@@ -1,0 +1,86 @@
+#pragma once
+
+// What a run knows about each photo: where it was found, the files it is to get (a copy and
+// perhaps a thumbnail), and what became of each. Discovery fills in the source, the plan the
+// outputs, the driver the results; the report reads them all. Plain data, one thread.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Varnelo {
+
+// What became of one output file (and so of its photo).
+enum class Status {
+    PENDING,        // still to be made
+    CONVERTED,      // made in this run
+    UP_TO_DATE,     // made by an earlier run from the same photo and settings
+    TOO_SMALL,      // not larger than the requested size: no file made
+    FAILED,         // with a reason
+    NOT_PROCESSED,  // the run ended first
+    DUPLICATE,      // the photo is the same file as an earlier path
+};
+
+// A file as found on disk; two files are the same when their device and inode are.
+struct FileId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    std::uint64_t size = 0;
+    std::int64_t mtimeNs = 0;
+    bool exists = false;
+
+    bool SameFile(const FileId& o) const {
+        return exists && o.exists && dev == o.dev && ino == o.ino;
+    }
+    // The same content as far as size and modification time tell; a copy of the file that
+    // kept its time (cp -a, rsync -t) still counts.
+    bool SameContent(const FileId& o) const {
+        return exists && o.exists && size == o.size && mtimeNs == o.mtimeNs;
+    }
+};
+
+// One file the run makes: a copy or a thumbnail.
+struct Output {
+    std::string path;   // absolute; empty when the photo gets none
+    std::string shown;  // under the output folder as the user named it
+    std::string temp;   // written by the service there, renamed to `path` when complete
+    FileId before;      // the file at `path` when the run was planned (exists false: none)
+    Status status = Status::PENDING;
+    std::string reason;           // for FAILED
+    int width = -1, height = -1;  // of the source, when the service said
+    std::string hash;
+    std::uint64_t bytes = 0;  // of the finished file
+};
+
+struct Photo {
+    std::string source;    // absolute, as sent to the service (links are not resolved)
+    std::string shown;     // as the user named it
+    std::string relative;  // its place below the folder it was found in
+    FileId file;
+    std::string sameAs;    // for a DUPLICATE: the earlier path of the same file
+    std::string problem;   // set when the input cannot be read: the photo fails with it
+    Output copy, thumb;    // thumb.path is empty without --thumbnails
+    int orientation = -1;  // EXIF Orientation of the source, read when first needed
+
+    // The photo's own status: its copy's, unless discovery settled it.
+    Status Overall() const;
+    // The reason of a failure of the photo, of its copy or of its thumbnail; empty if none.
+    std::string Failure() const;
+};
+
+inline Status Photo::Overall() const {
+    if (!sameAs.empty()) return Status::DUPLICATE;
+    if (!problem.empty()) return Status::FAILED;
+    return copy.status;
+}
+
+inline std::string Photo::Failure() const {
+    if (!problem.empty()) return problem;
+    if (!sameAs.empty()) return "";
+    if (copy.status == Status::FAILED) return copy.reason;
+    if (thumb.status == Status::FAILED) return "thumbnail: " + thumb.reason;
+    return "";
+}
+
+}  // namespace Varnelo
