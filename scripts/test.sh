@@ -4,7 +4,7 @@
 # Three build trees, warnings as errors in each: release (every test, the long ones included),
 # AddressSanitizer with UndefinedBehaviorSanitizer (every test but the long ones, and the replay
 # of the fuzz seeds and kept reproducers), ThreadSanitizer (the tests that run threads or the
-# service's process).
+# service's process). Then the Debian package, built and checked as installed.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -34,5 +34,8 @@ cmake --build build-tsan -j "$jobs" --target varnelo_tests
 export TSAN_OPTIONS=halt_on_error=1:exitcode=88:second_deadlock_stack=1
 (cd build-tsan && ctest --output-on-failure -j "$jobs" -LE long \
     -R 'ServerTest|MainTest|XmlRpcTest|ImageMethodTest|TaskQueueTest|TaskTest|Thread|SemaphoreTest|BatchTest')
+
+echo "== Debian package"
+scripts/test-package.sh
 
 echo "== all tests passed in $((SECONDS - start)) s"
