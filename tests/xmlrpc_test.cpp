@@ -219,20 +219,24 @@ TEST(XmlRpcTest, RequestsDeeperThanTheLimitAreRefusedAndNoOthers) {
     EXPECT_EQ(Exchange(toClose + Nest(limit - 1) + "</params></methodCall>").response, "");
 }
 
-// A request shape: a photo's file name as the file system has it and as the request writes it,
-// and the call written around its params.
+// A request shape: what the call is written with, and a photo's file name as the file system
+// has it and as the request writes it.
 struct Shape {
     const char* name;
+    std::string head;        // before methodCall
+    std::string attributes;  // of methodCall
     std::string fileName;
     std::string wireName;
-    std::function<std::string(const std::string&)> frame;
 };
 
-std::string Call(const std::string& params, const std::string& head = "",
-                 const std::string& callAttributes = "") {
-    return head + "<methodCall" + callAttributes +
-           "><methodName>upload.downsampleRequest</methodName>\n<params>\n" + params +
-           "</params></methodCall>\n";
+std::string Call(const Shape& shape, const std::string& params) {
+    std::string text = shape.head + "<methodCall" + shape.attributes +
+                       "><methodName>upload.downsampleRequest</methodName>\n<params>\n" + params +
+                       "</params></methodCall>\n";
+    if (std::string(shape.name) != "crlf") return text;
+    std::string out;
+    for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    return out;
 }
 
 // An image's param with its paths written as they stand, unescaped.
@@ -248,36 +252,20 @@ std::string WireImage(int id, const std::string& src, const std::string& dst) {
 // that nest too deep, however the nesting is hidden, are refused with a line in the log, and the
 // service goes on answering.
 TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
-    const std::string declaration = "<?xml version=\"1.0\"?>\n";
-    const auto plain = [&](const std::string& p) { return Call(p, declaration); };
+    const std::string xml = "<?xml version=\"1.0\"?>\n";
+    const std::string utf8 = "Caf\xC3\xA9 \xE5\x86\x99\xE7\x9C\x9F.jpg";
     const std::vector<Shape> shapes = {
-        {"comment", "comment.jpg", "comment.jpg",
-         [&](const std::string& p) { return Call("<!-- batch 7 -->\n" + p, declaration); }},
-        {"attribute", "attribute.jpg", "attribute.jpg",
-         [&](const std::string& p) {
-             return Call(p, declaration, " xmlns:ex=\"urn:example\" ex:batch='7'");
-         }},
-        {"cdata", "a&b <c>.jpg", "a&b <c>.jpg]]>", plain},
-        {"pi", "pi.jpg", "pi.jpg",
-         [&](const std::string& p) { return Call(p, declaration + "<?client batch=\"7\"?>\n"); }},
-        {"doctype", "doctype.jpg", "doctype.jpg",
-         [&](const std::string& p) { return Call(p, declaration + "<!DOCTYPE methodCall>\n"); }},
-        {"latin1", "Caf\xE9.jpg", "Caf\xE9.jpg",
-         [&](const std::string& p) {
-             return Call(p, "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n");
-         }},
-        {"utf8", "Caf\xC3\xA9 \xE5\x86\x99\xE7\x9C\x9F.jpg",
-         "Caf\xC3\xA9 \xE5\x86\x99\xE7\x9C\x9F.jpg", plain},
-        {"references", "a  b&'\"<>.jpg", "a&#32;&#x20;b&amp;&apos;&quot;&lt;&gt;.jpg", plain},
-        {"bom", "bom.jpg", "bom.jpg",
-         [&](const std::string& p) { return Call(p, "\xEF\xBB\xBF" + declaration); }},
-        {"crlf", "crlf.jpg", "crlf.jpg",
-         [&](const std::string& p) {
-             std::string out;
-             for (char c : Call(p, declaration))
-                 out += c == '\n' ? std::string("\r\n") : std::string(1, c);
-             return out;
-         }},
+        {"comment", xml + "<!-- batch 7 -->\n", "", "comment.jpg", "comment.jpg"},
+        {"attribute", xml, " xmlns:ex=\"urn:example\" ex:batch='7'", "attr.jpg", "attr.jpg"},
+        {"cdata", xml, "", "a&b <c>.jpg", "a&b <c>.jpg]]>"},
+        {"pi", xml + "<?client batch=\"7\"?>\n", "", "pi.jpg", "pi.jpg"},
+        {"doctype", xml + "<!DOCTYPE methodCall>\n", "", "doctype.jpg", "doctype.jpg"},
+        {"latin1", "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n", "", "Caf\xE9.jpg",
+         "Caf\xE9.jpg"},
+        {"utf8", xml, "", utf8, utf8},
+        {"references", xml, "", "a  b&'\"<>.jpg", "a&#32;&#x20;b&amp;&apos;&quot;&lt;&gt;.jpg"},
+        {"bom", "\xEF\xBB\xBF" + xml, "", "bom.jpg", "bom.jpg"},
+        {"crlf", xml, "", "crlf.jpg", "crlf.jpg"},
     };
     TempDir tmp;
     const std::string photo = EncodeJpeg({64, 48});
@@ -290,7 +278,7 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
         for (int i = 0; i < 200; ++i) {
             params += WireImage(i, src, tmp.path() + "/out-" + shape.name + ".jpg");
         }
-        requests.push_back(shape.frame(params));
+        requests.push_back(Call(shape, params));
     }
     // Deep ones: nesting behind every construct, past the bound of what is parsed at all (runs
     // of 200 levels 250 times) and within it, where the parsed tree is measured.
@@ -302,10 +290,10 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
             Repeat(open + "<!--" + close + "-->", runs),
             Repeat(open + "<![CDATA[" + close + "]]>", runs),
             Repeat(open + "<!DOCTYPE d [<!ENTITY e '", runs),
-            declaration + Repeat(open + "<b x=\"\xF0\">" + close + "</a>\">", runs),
+            xml + Repeat(open + "<b x=\"\xF0\">" + close + "</a>\">", runs),
             Repeat(open, runs),
             Repeat(close, runs) + Repeat(open, runs + 1),
-            declaration + Repeat(open + Repeat("\xF0</a>", 200), runs),
+            xml + Repeat(open + Repeat("\xF0</a>", 200), runs),
             Repeat(Repeat("<a>&#</a>#1;", 200), runs),
             Repeat(Repeat("<a>&#x</a>x1;", 200), runs),
         };
@@ -314,8 +302,8 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
     for (const std::string& text : hidden(10)) deep.push_back(text);
     deep.push_back(Nest(XMLRPC::kMaxDepth, "<b/>"));
     for (const Shape& shape : shapes) {
-        deep.push_back(shape.frame(Repeat("<a>", 50000)));
-        deep.push_back(shape.frame(Nest(2000)));
+        deep.push_back(Call(shape, Repeat("<a>", 50000)));
+        deep.push_back(Call(shape, Nest(2000)));
     }
 
     PrivateService copy;
