@@ -105,15 +105,8 @@ std::vector<std::string> ReadPathList(std::FILE* in, bool nul) {
 }
 
 FileId Identify(const std::string& path) {
-    FileId id;
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) return id;
-    id.exists = true;
-    id.dev = st.st_dev;
-    id.ino = st.st_ino;
-    id.size = static_cast<std::uint64_t>(st.st_size);
-    id.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    return id;
+    return stat(path.c_str(), &st) == 0 ? FileId::Of(st) : FileId();
 }
 
 std::vector<Photo> FindPhotos(const std::vector<std::string>& inputs, const SearchRules& rules) {

@@ -4,6 +4,7 @@
 // perhaps a thumbnail), and what became of each. Discovery fills in the source, the plan the
 // outputs, the driver the results; the report reads them all. Plain data, one thread.
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -37,6 +38,17 @@ struct FileId {
     // kept its time (cp -a, rsync -t) still counts.
     bool SameContent(const FileId& o) const {
         return exists && o.exists && size == o.size && mtimeNs == o.mtimeNs;
+    }
+
+    // The identity a stat call gave (a file that exists).
+    static FileId Of(const struct stat& st) {
+        FileId id;
+        id.exists = true;
+        id.dev = st.st_dev;
+        id.ino = st.st_ino;
+        id.size = static_cast<std::uint64_t>(st.st_size);
+        id.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+        return id;
     }
 };
 

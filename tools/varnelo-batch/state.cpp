@@ -99,14 +99,10 @@ bool WriteAll(int fd, const std::string& text) {
 }  // namespace
 
 FileId IdentifyOutput(const std::string& path) {
-    FileId id;
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0) return id;
-    id.exists = true;
-    id.dev = st.st_dev;
-    id.ino = st.st_ino;
-    id.size = S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : ~0ull;
-    id.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    if (lstat(path.c_str(), &st) != 0) return FileId();
+    FileId id = FileId::Of(st);
+    if (!S_ISREG(st.st_mode)) id.size = ~0ull;  // never the same content as a file
     return id;
 }
 
