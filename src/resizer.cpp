@@ -8,6 +8,34 @@
 
 namespace Varnelo {
 
+namespace {
+
+// The reducer's footprints along one direction: `count` intervals [Start(), End()) in 1/256
+// pixel that tile [0, 256 * size - 1), advanced by an exact (Bresenham) division of that length.
+// Starts on the first footprint; Next moves to the following one.
+class FootprintStepper {
+  public:
+    FootprintStepper(int size, int count)
+        : m_step(static_cast<uint32_t>(size) * 256 - 1), m_count(static_cast<uint32_t>(count)) {
+        Next();
+    }
+    uint32_t Start() const { return m_start; }
+    uint32_t End() const { return m_end; }
+    void Next() {
+        m_start = m_end;
+        m_rem += m_step;
+        m_end += m_rem / m_count;
+        m_rem %= m_count;
+    }
+
+  private:
+    uint32_t m_step;
+    uint32_t m_count;
+    uint32_t m_start = 0, m_end = 0, m_rem = 0;
+};
+
+}  // namespace
+
 // Nearest-sample scaling: a Bresenham selector across and another down. A reduction keeps the
 // last source pixel (and line) of each group, an enlargement repeats them. Both selectors start
 // half-way (size / 2), so a source 1 pixel wide leaves the last destination pixel black and a
@@ -109,15 +137,13 @@ class CResizerReduces : public CResizer {
     void SetSourceLine(const CPixel* src) override;
     bool NewDestinationLine() override;
     CPixel* GetDestinationLinePointer() override;
+    bool StartAt(int sourceLine, int destinationLine) override;
 
   private:
     void Init();
     void LineProcess(const CPixel* src, CPixel* dst);
 
-    uint32_t m_start;
-    uint32_t m_end;
-    uint32_t m_step;
-    uint32_t m_rem;
+    FootprintStepper m_footprint;  // of the next destination line, down the image
     int m_lineCount;
     int m_firstLine;
     int m_produced;
@@ -291,6 +317,8 @@ CResizer::CResizer(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
 CResizer::~CResizer() = default;
 
 bool CResizer::NewDestinationLine() { return m_readyLines != 0; }
+
+bool CResizer::StartAt(int, int) { return false; }
 
 namespace {
 
@@ -517,10 +545,7 @@ CPixel* CResizerTidy::GetDestinationLinePointer() {
 CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
                                  ResizerPath path)
     : CResizer(srcWidth, srcHeight, dstWidth, dstHeight),
-      m_start(0),
-      m_end(0),
-      m_step(0),
-      m_rem(0),
+      m_footprint(srcHeight, dstHeight),
       m_lineCount((srcHeight - 1) / dstHeight + 2),
       m_firstLine(0),
       m_produced(0),
@@ -538,12 +563,7 @@ void CResizerReduces::Init() {
     m_firstLine = -m_lineCount;
     m_produced = 0;
     m_readyLines = 0;
-    m_start = 0;
-    m_end = 0;
-    m_step = static_cast<uint32_t>(m_srcHeight) * 256 - 1;
-    m_rem = m_step;
-    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
-    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    m_footprint = FootprintStepper(m_srcHeight, m_dstHeight);
     // The vector filter stores four sums per column, the fourth overwritten by the next one.
     m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3 + 1, 0);
 
@@ -555,14 +575,10 @@ void CResizerReduces::Init() {
     };
     std::vector<Footprint> footprints;
     footprints.reserve(std::max(m_dstWidth, 0));
-    const uint32_t step = static_cast<uint32_t>(m_srcWidth) * 256 - 1;
-    const uint32_t width = static_cast<uint32_t>(m_dstWidth);
-    uint32_t start = 0, end = 0, rem = 0;
+    FootprintStepper across(m_srcWidth, m_dstWidth);
     m_taps = 1;
-    for (int x = 0; x < m_dstWidth; ++x) {
-        rem += step;
-        end += rem / width;
-        rem %= width;
+    for (int x = 0; x < m_dstWidth; ++x, across.Next()) {
+        const uint32_t start = across.Start(), end = across.End();
         const int64_t i0 = start / 256;
         const int64_t i1 = end / 256;
         Footprint f;
@@ -575,7 +591,6 @@ void CResizerReduces::Init() {
         f.len = end - start;
         m_taps = std::max(m_taps, std::max(f.last, f.first + f.inner) - f.first + 1);
         footprints.push_back(f);
-        start = end;
     }
     m_firstPixel.clear();
     m_weights.assign(footprints.size() * static_cast<size_t>(m_taps), 0);
@@ -714,8 +729,8 @@ void CResizerReduces::SetSourceLine(const CPixel* src) {
     LineProcess(src, m_lines.Rotate());
     ++m_firstLine;
     if (m_firstLine < 0) return;  // buffers not full yet
-    const int64_t firstNeeded = m_start >> 8;
-    const int64_t lastNeeded = m_end >> 8;
+    const int64_t firstNeeded = m_footprint.Start() >> 8;
+    const int64_t lastNeeded = m_footprint.End() >> 8;
     if (m_firstLine > firstNeeded) return;  // the footprint's first line is gone for good
     if (m_firstLine + m_lineCount <= lastNeeded) return;  // its last line has not arrived
     ++m_readyLines;
@@ -724,10 +739,11 @@ void CResizerReduces::SetSourceLine(const CPixel* src) {
 bool CResizerReduces::NewDestinationLine() { return m_produced < m_dstHeight && m_readyLines != 0; }
 
 CPixel* CResizerReduces::GetDestinationLinePointer() {
-    const uint32_t w0 = 256 - m_start % 256;
-    const uint32_t w1 = m_end % 256;
-    const int64_t r0 = static_cast<int64_t>(m_start >> 8) - m_firstLine;
-    const int64_t r1 = static_cast<int64_t>(m_end >> 8) - m_firstLine;
+    const uint32_t start = m_footprint.Start(), end = m_footprint.End();
+    const uint32_t w0 = 256 - start % 256;
+    const uint32_t w1 = end % 256;
+    const int64_t r0 = static_cast<int64_t>(start >> 8) - m_firstLine;
+    const int64_t r1 = static_cast<int64_t>(end >> 8) - m_firstLine;
     if (m_lineCount <= r1) log.Put("CResizerReduces::GetDestinationLinePointer", 8);
     // Row indices outside the queue, only reached when lines are not taken as soon as they are
     // ready, read its nearest end.
@@ -735,7 +751,7 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     const unsigned char* f = Samples(m_lines.Row(ClampIndex(r0, m_lineCount)));
     const unsigned char* l = Samples(m_lines.Row(ClampIndex(r1, m_lineCount)));
     unsigned char* out = Samples(m_dstLine.get());
-    const uint32_t divisor = BoxDivisor(m_end - m_start);
+    const uint32_t divisor = BoxDivisor(end - start);
     // The vector column pass takes the rows of a footprint that lies inside the buffers, as it
     // does whenever lines are taken as soon as they are ready.
     if (m_kernels != nullptr && r0 >= 0 && r1 < m_lineCount && r0 <= r1 && r1 - r0 <= 258 &&
@@ -752,13 +768,42 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
         FinishBox(out, sums, f, l, w0, w1, ClampedQuotient(divisor), n);
     }
 
-    m_start = m_end;
-    m_rem += m_step;
-    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
-    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    m_footprint.Next();
     --m_readyLines;
     ++m_produced;
     return m_dstLine.get();
+}
+
+// A line's value depends only on the source lines its footprint covers, not on when it is
+// computed, as long as they are all still in the buffers; a band that starts at or before the
+// footprint of its first line keeps them there for every later line, since its lines become
+// ready no later than the whole image's do. The buffers before sourceLine hold no lines yet.
+bool CResizerReduces::StartAt(int sourceLine, int destinationLine) {
+    m_firstLine = sourceLine - m_lineCount;
+    m_produced = destinationLine;
+    m_readyLines = 0;
+    for (int j = 0; j < destinationLine; ++j) m_footprint.Next();
+    return true;
+}
+
+// The reducer itself run on a one-pixel column, which takes its lines through exactly the
+// bookkeeping a full image does.
+ReducerRows ScheduleReduction(int srcHeight, int dstHeight) {
+    ReducerRows rows;
+    CResizerReduces column(1, srcHeight, 1, dstHeight, RESIZER_PATH_PLAIN);
+    FootprintStepper down(srcHeight, dstHeight);
+    const CPixel line[3];
+    for (int y = 0; y < srcHeight; ++y) {
+        column.SetSourceLine(line);
+        while (column.NewDestinationLine()) {
+            column.GetDestinationLinePointer();
+            rows.first.push_back(static_cast<int>(down.Start() >> 8));
+            rows.ready.push_back(y);
+            down.Next();
+        }
+    }
+    if (static_cast<int>(rows.ready.size()) < dstHeight) return ReducerRows();
+    return rows;
 }
 
 }  // namespace Varnelo
