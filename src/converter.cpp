@@ -512,11 +512,12 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 // and prints warnings, carrying on from the header read by the first. Band threads log nothing:
 // a fault is logged once by the conversion.
 
-// Passing over a line costs about this share of decoding and scaling it, and the first band's
-// thread spends about this share of the whole on encoding the other bands' lines; later bands
-// are shorter by what their decoders pass over.
-const double kSkipCost = 0.68;
-const double kEncodeShare = 0.06;
+// Passing over a line costs about this share of decoding and scaling it (the entropy decoding
+// of a detailed photo), and the first band's thread, which encodes every line, spends about
+// this share of the time decoding and scaling the whole image takes on that; so the first band
+// is shorter by the encoding, and each later one by what its decoder passes over.
+const double kSkipCost = 0.65;
+const double kEncodeShare = 0.2;
 // A band decodes at least this many lines, so that its decoder's set-up stays small beside them
 // (unless bands are asked for, as the tests do on small images).
 const int kMinBandLines = 64;
