@@ -513,11 +513,11 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 // a fault is logged once by the conversion.
 
 // Passing over a line costs about this share of decoding and scaling it (the entropy decoding
-// of a detailed photo), and the first band's thread, which encodes every line, spends about
-// this share of the time decoding and scaling the whole image takes on that; so the first band
-// is shorter by the encoding, and each later one by what its decoder passes over.
-const double kSkipCost = 0.65;
-const double kEncodeShare = 0.2;
+// of a detailed photo), and a line of the first band costs this much more than one of the
+// others, since the first band's thread also encodes it: so the first band is shorter by the
+// encoding, and each later one by what its decoder passes over.
+const double kSkipCost = 0.70;
+const double kEncodeShare = 0.10;
 // A band decodes at least this many lines, so that its decoder's set-up stays small beside them
 // (unless bands are asked for, as the tests do on small images).
 const int kMinBandLines = 64;
@@ -532,20 +532,20 @@ struct Band {
 };
 
 // Up to `count` bands balanced for the cost of passing over lines: band 0 ends at source
-// fraction x1 = T - e, band k at x(k+1) = x(k) * (1 - s) + T, where T, the time of each band,
-// is found so that the last ends at 1. Bands that would be too short are dropped.
+// fraction x1 = T / (1 + e), band k at x(k+1) = x(k) * (1 - s) + T, where T, the time of each
+// band, is found so that the last ends at 1. Bands that would be too short are dropped.
 std::vector<Band> PlanBands(const ReducerRows& rows, int srch, int count, int minLines) {
     std::vector<Band> bands;
     if (rows.first.empty() || count < 2) return bands;
     const auto split = [&](double time, std::vector<double>* at) {
-        double x = time - kEncodeShare;
+        double x = time / (1 + kEncodeShare);
         for (int k = 1; k < count; ++k) {
             if (at != nullptr) at->push_back(x);
             x = x * (1 - kSkipCost) + time;
         }
         return x;
     };
-    double lo = 0, hi = 1 + kEncodeShare;
+    double lo = 0, hi = 1 + kEncodeShare;  // one band would take 1 + e
     for (int i = 0; i < 50; ++i) {
         const double mid = (lo + hi) / 2;
         (split(mid, nullptr) < 1 ? lo : hi) = mid;
@@ -627,8 +627,21 @@ class BandedDecoder {
     // which has started; `held` are processors to hand one each to the band threads. False when
     // a decoder or the encoder faulted (the fault is not logged yet).
     bool Pump(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
+        reader.SetQuiet(true);
+        writer.SetQuiet(true);
+        const bool ok = PumpQuietly(reader, writer, held);
+        reader.SetQuiet(false);
+        writer.SetQuiet(false);
+        return ok;
+    }
+
+    // The decoder that has read every line, to be finished; the one whose warnings count.
+    JpegReader& Last(JpegReader& reader) { return m_work.empty() ? reader : m_work.back()->reader; }
+
+  private:
+    bool PumpQuietly(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
         for (size_t k = 1; k < m_bands.size(); ++k) {
-            m_work.emplace_back(new BandWork);
+            m_work.push_back(std::make_unique<BandWork>());
             BandWork& work = *m_work.back();
             work.band = m_bands[k];
             work.last = k + 1 == m_bands.size();
@@ -645,8 +658,6 @@ class BandedDecoder {
                 return Serial(reader, writer);
             }
         }
-        reader.SetQuiet(true);
-        writer.SetQuiet(true);
         reader.SilenceMessages();
         const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
         bool ok =
@@ -655,8 +666,6 @@ class BandedDecoder {
         for (size_t k = 0; ok && k < m_work.size(); ++k) ok = Encode(*m_work[k], writer);
         if (!ok) m_stop = true;
         m_threads.Join();
-        reader.SetQuiet(false);
-        writer.SetQuiet(false);
         for (auto& work : m_work) {
             work->reader.SetQuiet(false);
             if (work->failure) std::rethrow_exception(work->failure);
@@ -665,10 +674,6 @@ class BandedDecoder {
         return ok;
     }
 
-    // The decoder that has read every line, to be finished; the one whose warnings count.
-    JpegReader& Last(JpegReader& reader) { return m_work.empty() ? reader : m_work.back()->reader; }
-
-  private:
     // The conversion's own decoder reads everything when no band thread can be had.
     bool Serial(JpegReader& reader, JpegWriter& writer) {
         const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
@@ -1007,31 +1012,31 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     bool pumped = false;
     HeldProcessors helpers;  // the idle processors the helper threads run on
     int bandCount = 1;
-    switch (ChooseThreads(reader, resizerType, bandCount, helpers)) {
-        case CONVERT_THREADS_BANDS: {
-            ReducerRows rows = ScheduleReduction(srch, out.height);
-            const bool forced = g_mode.load() == CONVERT_THREADS_BANDS;
-            std::vector<Band> plan = PlanBands(rows, srch, bandCount, forced ? 1 : kMinBandLines);
-            if (BufferedBytes(plan, out.width) > kBandBufferBytes) plan.clear();
-            if (plan.size() > 1) {
-                helpers.Keep(static_cast<int>(plan.size()) - 1);
-                bands = std::make_unique<BandedDecoder>(src, std::move(plan), std::move(rows), srcw,
-                                                        srch, out.width, out.height,
-                                                        reader.Warnings(), *resizer);
-                pumped = bands->Pump(reader, writer, helpers);
-                if (!pumped) LogHookLine(true);
-                break;
-            }
-            pumped = PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
-            break;
+    ConvertThreads threads = ChooseThreads(reader, resizerType, bandCount, helpers);
+    if (threads == CONVERT_THREADS_BANDS) {
+        ReducerRows rows = ScheduleReduction(srch, out.height);
+        const bool forced = g_mode.load() == CONVERT_THREADS_BANDS;
+        std::vector<Band> plan = PlanBands(rows, srch, bandCount, forced ? 1 : kMinBandLines);
+        if (BufferedBytes(plan, out.width) > kBandBufferBytes) plan.clear();
+        if (plan.size() > 1) {
+            helpers.Keep(static_cast<int>(plan.size()) - 1);
+            bands =
+                std::make_unique<BandedDecoder>(src, std::move(plan), std::move(rows), srcw, srch,
+                                                out.width, out.height, reader.Warnings(), *resizer);
+        } else {
+            // Too small or too large for bands: an idle processor still serves for overlap.
+            threads = helpers.Count() > 0 ? CONVERT_THREADS_OVERLAP : CONVERT_THREADS_ONE;
+            helpers.Keep(1);
         }
-        case CONVERT_THREADS_OVERLAP:
-            pumped =
-                PumpOverlapped(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
-            break;
-        default:
-            pumped = PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
-            break;
+    }
+    if (bands != nullptr) {
+        // Every decoder faults quietly in bands; the conversion logs the hook's line once.
+        pumped = bands->Pump(reader, writer, helpers);
+        if (!pumped) LogHookLine(true);
+    } else if (threads == CONVERT_THREADS_OVERLAP) {
+        pumped = PumpOverlapped(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
+    } else {
+        pumped = PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
     }
     helpers.Keep(0);
     if (!pumped) return ConversionFault(reader, writer);
