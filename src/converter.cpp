@@ -213,9 +213,14 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-long MemoryCap(FILE* file) {
+// The size of an open file, 0 when unknown.
+long FileSize(FILE* file) {
     struct stat info;
-    const long size = fstat(fileno(file), &info) == 0 && info.st_size > 0 ? info.st_size : 0;
+    return fstat(fileno(file), &info) == 0 && info.st_size > 0 ? info.st_size : 0;
+}
+
+long MemoryCap(FILE* file) {
+    const long size = FileSize(file);
     if (size > (LONG_MAX - kMemoryBase) / kMemoryPerSourceByte) return LONG_MAX;
     return kMemoryBase + size * kMemoryPerSourceByte;
 }
@@ -298,6 +303,7 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
     bool Skip(int lines) {
         return Guard([&] { jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines)); });
     }
+    long FileBytes() { return FileSize(m_file.get()); }
     // Progressive and other multi-scan files; valid once started.
     bool MultiScan() { return jpeg_has_multiple_scans(&m_object) != FALSE; }
     // The library prints the first warning of each decoder on the standard error stream; a
@@ -512,11 +518,15 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 // and prints warnings, carrying on from the header read by the first. Band threads log nothing:
 // a fault is logged once by the conversion.
 
-// Passing over a line costs about this share of decoding and scaling it (the entropy decoding
-// of a detailed photo), and a line of the first band costs this much more than one of the
-// others, since the first band's thread also encodes it: so the first band is shorter by the
-// encoding, and each later one by what its decoder passes over.
-const double kSkipCost = 0.70;
+// Passing over a line costs its entropy decoding, which grows with the compressed bytes, while
+// decoding and scaling it adds the inverse DCT, upsampling, colour conversion and scaling, which
+// grow with the pixels: about 7 ns a byte against 1 ns a pixel on current x86 processors, so
+// passing over a line of a detailed photo costs about 0.7 of decoding it, of a plain one less.
+// A line of the first band costs this much more than one of the others, since the first band's
+// thread also encodes it. So the first band is shorter by the encoding, and each later one by
+// what its decoder passes over.
+const double kNanosecondsPerByte = 7.0;
+const double kNanosecondsPerPixel = 1.0;
 const double kEncodeShare = 0.10;
 // A band decodes at least this many lines, so that its decoder's set-up stays small beside them
 // (unless bands are asked for, as the tests do on small images).
@@ -531,17 +541,25 @@ struct Band {
     int firstSource;
 };
 
-// Up to `count` bands balanced for the cost of passing over lines: band 0 ends at source
+// The cost of passing over a line of the source relative to decoding and scaling it.
+double SkipCost(long bytes, int srcw, int srch) {
+    const double entropy = kNanosecondsPerByte * static_cast<double>(bytes);
+    const double rest = kNanosecondsPerPixel * srcw * static_cast<double>(srch);
+    return std::min(0.9, std::max(0.2, entropy / (entropy + rest)));
+}
+
+// Up to `count` bands balanced for the cost s of passing over lines: band 0 ends at source
 // fraction x1 = T / (1 + e), band k at x(k+1) = x(k) * (1 - s) + T, where T, the time of each
 // band, is found so that the last ends at 1. Bands that would be too short are dropped.
-std::vector<Band> PlanBands(const ReducerRows& rows, int srch, int count, int minLines) {
+std::vector<Band> PlanBands(const ReducerRows& rows, int srch, double skipCost, int count,
+                            int minLines) {
     std::vector<Band> bands;
     if (rows.first.empty() || count < 2) return bands;
     const auto split = [&](double time, std::vector<double>* at) {
         double x = time / (1 + kEncodeShare);
         for (int k = 1; k < count; ++k) {
             if (at != nullptr) at->push_back(x);
-            x = x * (1 - kSkipCost) + time;
+            x = x * (1 - skipCost) + time;
         }
         return x;
     };
@@ -1016,7 +1034,8 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     if (threads == CONVERT_THREADS_BANDS) {
         ReducerRows rows = ScheduleReduction(srch, out.height);
         const bool forced = g_mode.load() == CONVERT_THREADS_BANDS;
-        std::vector<Band> plan = PlanBands(rows, srch, bandCount, forced ? 1 : kMinBandLines);
+        std::vector<Band> plan = PlanBands(rows, srch, SkipCost(reader.FileBytes(), srcw, srch),
+                                           bandCount, forced ? 1 : kMinBandLines);
         if (BufferedBytes(plan, out.width) > kBandBufferBytes) plan.clear();
         if (plan.size() > 1) {
             helpers.Keep(static_cast<int>(plan.size()) - 1);

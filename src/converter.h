@@ -38,9 +38,9 @@ enum ConvertResult {
 // own lines, while the calling thread encodes them in order; it applies to the area-averaging
 // reducer only, and other conversions keep to one thread. AUTO holds one processor per running
 // conversion, waiting while every usable processor is held, and takes the idle ones for bands
-// (or, where bands do not apply, one for overlap); it keeps to one thread while conversion steps
-// are traced, so that the trace keeps its order. The output, the result and the trace are the
-// same in every mode.
+// (or, where bands do not apply, one for overlap). The output, the result, the warnings and the
+// trace are the same in every mode: band threads log nothing, and a fault in any band is logged
+// once, as a one-thread conversion logs it.
 enum ConvertThreads {
     CONVERT_THREADS_AUTO,
     CONVERT_THREADS_ONE,
