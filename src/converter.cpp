@@ -301,7 +301,11 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
     }
     // Passes over the next `lines` lines, decoding only what later lines depend on.
     bool Skip(int lines) {
-        return Guard([&] { jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines)); });
+        JDIMENSION skipped = 0;
+        const bool returned = Guard([&] {
+            skipped = jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines));
+        });
+        return returned && skipped == static_cast<JDIMENSION>(lines);
     }
     long FileBytes() { return FileSize(m_file.get()); }
     // Progressive and other multi-scan files; valid once started.
