@@ -302,9 +302,8 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
     // Passes over the next `lines` lines, decoding only what later lines depend on.
     bool Skip(int lines) {
         JDIMENSION skipped = 0;
-        const bool returned = Guard([&] {
-            skipped = jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines));
-        });
+        const bool returned = Guard(
+            [&] { skipped = jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines)); });
         return returned && skipped == static_cast<JDIMENSION>(lines);
     }
     long FileBytes() { return FileSize(m_file.get()); }
@@ -524,14 +523,13 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 
 // Passing over a line costs its entropy decoding, which grows with the compressed bytes, while
 // decoding and scaling it adds the inverse DCT, upsampling, colour conversion and scaling, which
-// grow with the pixels: about 7 ns a byte against 1 ns a pixel on current x86 processors, so
-// passing over a line of a detailed photo costs about 0.7 of decoding it, of a plain one less.
+// grow with the pixels: a byte weighs about as much as 4.2 pixels, so passing over a line of a
+// detailed photo of 3 bits a pixel costs about 0.6 of decoding it, of a plainer one less.
 // A line of the first band costs this much more than one of the others, since the first band's
 // thread also encodes it. So the first band is shorter by the encoding, and each later one by
 // what its decoder passes over.
-const double kNanosecondsPerByte = 7.0;
-const double kNanosecondsPerPixel = 1.0;
-const double kEncodeShare = 0.10;
+const double kPixelsPerByte = 4.2;
+const double kEncodeShare = 0.08;
 // A band decodes at least this many lines, so that its decoder's set-up stays small beside them
 // (unless bands are asked for, as the tests do on small images).
 const int kMinBandLines = 64;
@@ -547,8 +545,8 @@ struct Band {
 
 // The cost of passing over a line of the source relative to decoding and scaling it.
 double SkipCost(long bytes, int srcw, int srch) {
-    const double entropy = kNanosecondsPerByte * static_cast<double>(bytes);
-    const double rest = kNanosecondsPerPixel * srcw * static_cast<double>(srch);
+    const double entropy = kPixelsPerByte * static_cast<double>(bytes);
+    const double rest = srcw * static_cast<double>(srch);
     return std::min(0.9, std::max(0.2, entropy / (entropy + rest)));
 }
 

@@ -22,6 +22,10 @@ void ReducerFilterTable::Build(int window, const std::vector<int>& first,
     chunks = std::max(1, (taps + kRunPixels - 1) / kRunPixels);
     firstPixel = first;
     weights.assign(static_cast<size_t>((columns + 1) / 2) * chunks * 3 * 16, 0);
+    tapWeight.clear();
+    for (int k = 0; k < taps; ++k) {
+        tapWeight.push_back(k / kRunPixels * 48 + k % kRunPixels / 2 * 16 + k % kRunPixels % 2);
+    }
     for (int x = 0; x < columns; ++x) {
         for (int k = 0; k < taps; ++k) {
             const uint32_t w = plain[static_cast<size_t>(x) * taps + k];
@@ -123,26 +127,40 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 // Plain C++: the same tables, read a tap at a time; loops the compiler may vectorise.
 
-void FilterPlain(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
-                 int end, uint32_t* sums) {
-    const int chunks = table.chunks;
+// Columns [begin, end) a tap at a time. With the window length known at compile time (Taps > 0)
+// the loop over it unrolls completely and every weight's place in the table is a constant.
+template <int Taps>
+void FilterColumnsPlain(const ReducerFilterTable& table, const unsigned char* src, int origin,
+                        int begin, int end, uint32_t* sums) {
+    const int taps = Taps > 0 ? Taps : table.taps;
+    const int* place = table.tapWeight.data();
     for (int x = begin; x < end; ++x) {
         const unsigned char* p = src + 3 * (table.firstPixel[x] - origin);
+        const int16_t* w = &table.weights[static_cast<size_t>(x / 2) * table.chunks * 48 +
+                                          static_cast<size_t>(x % 2) * 8];
         uint32_t r = 0, g = 0, b = 0;
-        for (int k = 0; k < table.taps; ++k, p += 3) {
-            const int run = k / ReducerFilterTable::kRunPixels;
-            const int tap = k % ReducerFilterTable::kRunPixels;
-            const uint32_t w = static_cast<uint32_t>(
-                table.weights[((static_cast<size_t>(x / 2) * chunks + run) * 3 + tap / 2) * 16 +
-                              x % 2 * 8 + tap % 2]);
-            r += p[0] * w;
-            g += p[1] * w;
-            b += p[2] * w;
+        for (int k = 0; k < taps; ++k) {
+            const int at = Taps > 0 ? k / 5 * 48 + k % 5 / 2 * 16 + k % 5 % 2 : place[k];
+            const uint32_t weight = static_cast<uint32_t>(w[at]);
+            r += p[3 * k] * weight;
+            g += p[3 * k + 1] * weight;
+            b += p[3 * k + 2] * weight;
         }
         sums[3 * x] = r;
         sums[3 * x + 1] = g;
         sums[3 * x + 2] = b;
     }
+}
+
+void FilterPlain(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
+                 int end, uint32_t* sums) {
+    using Filter =
+        void (*)(const ReducerFilterTable&, const unsigned char*, int, int, int, uint32_t*);
+    static const Filter kFilters[] = {
+        FilterColumnsPlain<0>, FilterColumnsPlain<1>, FilterColumnsPlain<2>,
+        FilterColumnsPlain<3>, FilterColumnsPlain<4>, FilterColumnsPlain<5>,
+        FilterColumnsPlain<6>, FilterColumnsPlain<7>, FilterColumnsPlain<8>};
+    kFilters[table.taps <= 8 ? table.taps : 0](table, src, origin, begin, end, sums);
 }
 
 void RowQuotientsPlain(unsigned char* __restrict out, const uint32_t* __restrict sums,

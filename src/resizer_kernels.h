@@ -61,6 +61,7 @@ struct ReducerFilterTable {
     int chunks = 1;
     std::vector<int> firstPixel;
     std::vector<int16_t> weights;  // ((x / 2 * chunks + run) * 3 + pair) * 16 + x % 2 * 8
+    std::vector<int> tapWeight;    // tap k's red weight, counted from its column's first one
 
     static constexpr int kRunPixels = 5;
     static constexpr int kLoadBytes = 16;
@@ -84,7 +85,9 @@ struct ReducerFilterTable {
 constexpr uint32_t kReciprocalDivisors = 1u << 13;
 inline float Reciprocal(uint32_t divisor) { return 1.0f / static_cast<float>(divisor); }
 inline uint8_t QuotientByReciprocal(uint32_t sum, float reciprocal) {
-    const int q = static_cast<int>((static_cast<float>(sum) + 0.5f) * reciprocal);
+    // Through a signed value, as the vector paths convert, so that the loops over it vectorise.
+    const float x = static_cast<float>(static_cast<int32_t>(sum));
+    const int q = static_cast<int>((x + 0.5f) * reciprocal);
     return static_cast<uint8_t>(q < 255 ? q : 255);
 }
 
