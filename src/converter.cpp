@@ -77,7 +77,7 @@ int UsableProcessors() {
 // The usable processors, shared out among the conversions of the process: a conversion holds
 // one while it runs and waits for one while all are held, so that the pool's spare worker never
 // makes two conversions share a processor; helper threads hold one more each, taken only when
-// idle, and give it back as they end.
+// idle and no conversion waits, and give it back as they end.
 // Threads: any.
 class ProcessorPool {
   public:
@@ -87,13 +87,16 @@ class ProcessorPool {
 
     void TakeOne() {
         std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_waiting;
         m_released.wait(lock, [this] { return m_idle > 0; });
+        --m_waiting;
         --m_idle;
     }
-    // Up to `wanted` idle processors, without waiting; returns how many.
+    // Up to `wanted` idle processors, without waiting; none while a conversion waits for one,
+    // since a helper would spend it on work that only a lone conversion gains from.
     int TakeIdle(int wanted) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        const int taken = std::max(0, std::min(wanted, m_idle));
+        const int taken = m_waiting > 0 ? 0 : std::max(0, std::min(wanted, m_idle));
         m_idle -= taken;
         return taken;
     }
@@ -110,6 +113,7 @@ class ProcessorPool {
     std::mutex m_mutex;
     std::condition_variable m_released;
     int m_idle;
+    int m_waiting = 0;
 };
 
 ProcessorPool& Processors() {
@@ -391,6 +395,35 @@ void Prefault(void* buffer, size_t bytes) {
 #endif
 }
 
+// Rows for the decoder to fill, of width + 2 pixels each (PumpRows pads them). The library
+// writes a row that starts on a 32-byte boundary with non-temporal stores, which go around the
+// cache, and the scaler reads every row right after it is written, from memory then: so every
+// row here starts 16 bytes past such a boundary, and is written through the cache.
+// The bytes are left uninitialised: the decoder writes every pixel before any is read.
+class SourceRows {
+  public:
+    SourceRows(int width, size_t count)
+        : m_stride((3 * (static_cast<size_t>(width) + 2) + kAlign - 1) / kAlign * kAlign),
+          m_size(m_stride * count),
+          m_bytes(new unsigned char[m_size + 2 * kAlign]),
+          m_first(m_bytes.get() + (kAlign - reinterpret_cast<uintptr_t>(m_bytes.get()) % kAlign) +
+                  kAlign / 2) {}
+    SourceRows(const SourceRows&) = delete;
+    SourceRows& operator=(const SourceRows&) = delete;
+
+    CPixel* Row(size_t i) { return reinterpret_cast<CPixel*>(m_first + m_stride * i); }
+    // The rows' bytes, all of them.
+    unsigned char* Bytes() { return m_first; }
+    size_t Size() const { return m_size; }
+
+  private:
+    static constexpr size_t kAlign = 32;
+    const size_t m_stride;
+    const size_t m_size;
+    std::unique_ptr<unsigned char[]> m_bytes;
+    unsigned char* const m_first;
+};
+
 // Hands decoded source lines from the thread that decodes them to the thread that scales and
 // encodes them, through a ring of line buffers of width + 2 pixels (PumpRows pads them).
 // Scaling and encoding a line takes a fraction of the time its decoding does, so the scaler
@@ -402,11 +435,10 @@ void Prefault(void* buffer, size_t bytes) {
 class LineRelay {
   public:
     explicit LineRelay(int width)
-        : m_stride(static_cast<size_t>(width) + 2),
-          m_slots(static_cast<int64_t>(
-              std::min<size_t>(64, std::max<size_t>(8, kRelayBytes / (3 * m_stride))))),
-          m_bytes(new unsigned char[3 * m_stride * static_cast<size_t>(m_slots)]) {
-        Prefault(m_bytes.get(), 3 * m_stride * static_cast<size_t>(m_slots));
+        : m_slots(static_cast<int64_t>(std::min<size_t>(
+              64, std::max<size_t>(8, kRelayBytes / (3 * (static_cast<size_t>(width) + 2)))))),
+          m_rows(width, static_cast<size_t>(m_slots)) {
+        Prefault(m_rows.Bytes(), m_rows.Size());
     }
     LineRelay(const LineRelay&) = delete;
     LineRelay& operator=(const LineRelay&) = delete;
@@ -447,16 +479,12 @@ class LineRelay {
 
     static void Pause() { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
     // Rows are scanlines, written by the library as bytes (like every CPixel row).
-    CPixel* Slot(int64_t line) {
-        return reinterpret_cast<CPixel*>(
-            &m_bytes[3 * m_stride * static_cast<size_t>(line % m_slots)]);
-    }
+    CPixel* Slot(int64_t line) { return m_rows.Row(static_cast<size_t>(line % m_slots)); }
 
-    const size_t m_stride;
     const int64_t m_slots;
-    std::unique_ptr<unsigned char[]> m_bytes;  // left uninitialised, so untouched until Prefault
-    int64_t m_published = 0;                   // the producer's own count of lines filled
-    int64_t m_taken = 0;                       // the consumer's own count of lines taken
+    SourceRows m_rows;        // untouched until Prefault
+    int64_t m_published = 0;  // the producer's own count of lines filled
+    int64_t m_taken = 0;      // the consumer's own count of lines taken
     std::atomic<int64_t> m_publishedShared{0};
     std::atomic<int64_t> m_released{0};  // lines the consumer is done with: all taken but the last
     std::atomic<int> m_state{RUNNING};
@@ -465,9 +493,9 @@ class LineRelay {
 // The lines of a conversion, decoded, scaled and encoded on this thread.
 bool PumpSerial(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int srcw, int srch,
                 int dsth, const CPixel* blackRow) {
-    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
+    SourceRows srcRow(srcw, 1);
     return PumpLines(
-        resizer, srcw, srch, dsth, srcRow.data(), blackRow,
+        resizer, srcw, srch, dsth, srcRow.Row(0), blackRow,
         [&reader](CPixel* row) { return reader.ReadLine(row); },
         [&writer](const CPixel* row) { return writer.WriteLine(row); },
         [] { Trace("Resizer not another output line"); });
@@ -600,12 +628,13 @@ bool ScaleBand(JpegReader& reader, CResizer& resizer, const ReducerRows& rows, c
     if (band.firstSource > 0 && !reader.Skip(band.firstSource)) return false;
     resizer.StartAt(band.firstSource, band.firstRow);
     const int lines = (last ? srch : rows.ready[band.endRow - 1] + 1) - band.firstSource;
-    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
+    SourceRows buffer(srcw, 1);
+    CPixel* srcRow = buffer.Row(0);
     return PumpRows(
         resizer, srcw, lines, band.endRow - band.firstRow, blackRow,
         [&]() -> CPixel* {
             if (stop.load(std::memory_order_relaxed)) return nullptr;
-            return reader.ReadLine(srcRow.data()) ? srcRow.data() : nullptr;
+            return reader.ReadLine(srcRow) ? srcRow : nullptr;
         },
         emit, [] {});
 }
