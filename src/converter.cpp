@@ -551,13 +551,13 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 
 // Passing over a line costs its entropy decoding, which grows with the compressed bytes, while
 // decoding and scaling it adds the inverse DCT, upsampling, colour conversion and scaling, which
-// grow with the pixels: a byte weighs about as much as 4.2 pixels, so passing over a line of a
-// detailed photo of 3 bits a pixel costs about 0.6 of decoding it, of a plainer one less.
+// grow with the pixels: a byte weighs about as much as 6.3 pixels, so passing over a line of a
+// detailed photo of 3 bits a pixel costs about 0.7 of decoding it, of a plainer one less.
 // A line of the first band costs this much more than one of the others, since the first band's
 // thread also encodes it. So the first band is shorter by the encoding, and each later one by
 // what its decoder passes over.
-const double kPixelsPerByte = 4.2;
-const double kEncodeShare = 0.08;
+const double kPixelsPerByte = 6.3;
+const double kEncodeShare = 0.03;
 // A band decodes at least this many lines, so that its decoder's set-up stays small beside them
 // (unless bands are asked for, as the tests do on small images).
 const int kMinBandLines = 64;
