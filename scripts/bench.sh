@@ -95,6 +95,21 @@ rm -f "$corpus"/batch-*.jpg
 for i in $(seq -w 1 16); do ln "$corpus/p24.jpg" "$corpus/batch-$i.jpg"; done
 ls "$corpus"/batch-*.jpg >"$work/batch.list"
 
+# The other shapes of photo people have, each of 24 megapixels, against djpeg alone.
+shapes=(hd c422 c444 prog)
+declare -A shape_args=([hd]="--quality 95" [c422]="--chroma 422" [c444]="--chroma 444"
+                       [prog]="--progressive")
+declare -A shape_name=([hd]="4:2:0, quality 95" [c422]="4:2:2, quality 92"
+                       [c444]="4:4:4, quality 92" [prog]="progressive 4:2:0, quality 92")
+for sh in "${shapes[@]}"; do
+    photo="$corpus/$sh.jpg"
+    # shellcheck disable=SC2086 # the options are words
+    [ -s "$photo" ] || build-bench/varnelo-sample-photo --seed 24 ${shape_args[$sh]} "$photo" 6000 4000
+    rm -f "$corpus/$sh"-batch-*.jpg
+    for i in $(seq -w 1 16); do ln "$photo" "$corpus/$sh-batch-$i.jpg"; done
+    ls "$corpus/$sh"-batch-*.jpg >"$work/$sh.list"
+done
+
 # Requests, each ended by the separator line; "exit" then ends the service once they are done.
 member() { # name type text
     printf '<member><name>%s</name><value><%s>%s</%s></value></member>' "$1" "$2" "$3" "$2"
@@ -116,13 +131,23 @@ done
       request upload.downsampleRequest "$i" "$corpus/batch-$i.jpg" "$out/batch-$i.jpg" 1600 85
   done
   echo exit; } >"$work/batch.req"
+for sh in "${shapes[@]}"; do
+    { request upload.downsampleRequest 1 "$corpus/$sh.jpg" "$out/varnelo-$sh.jpg" 1600 85
+      echo exit; } >"$work/one-$sh.req"
+    { for i in $(seq -w 1 16); do
+          request upload.downsampleRequest "$i" "$corpus/$sh-batch-$i.jpg" "$out/$sh-batch-$i.jpg" \
+              1600 85
+      done
+      echo exit; } >"$work/$sh-batch.req"
+done
 { request upload.thumbnailRequest 1 "$corpus/p24.jpg" "$out/thumb.jpg"; echo exit; } \
     >"$work/thumb.req"
 
 # Each job is a label and a shell command. The "two at a time" runs use xargs -P 2, one photo
 # per process.
 declare -A job
-two() { echo "xargs -P 2 -n 1 $* <$work/batch.list"; }
+list="$work/batch.list"
+two() { echo "xargs -P 2 -n 1 $* <$list"; }
 for mp in "${sizes[@]}"; do
     photo="$corpus/p$mp.jpg"
     scale=$(awk -v w="${width[$mp]}" 'BEGIN { printf "%.9f", 1600 / w }')
@@ -140,6 +165,13 @@ job[vips-batch]=$(two sh -c "'exec $vips resize \"\$1\" \"$out/vb-\${1##*/}[Q=85
 job[vipsthumbnail-batch]=$(two sh -c "'exec $vipsthumbnail \"\$1\" -s 1600 -o \"$out/tb-%s.jpg[Q=85]\"'" -)
 job[imagemagick-batch]=$(two sh -c "'exec $magick \"\$1\" -filter box -resize 1600x1600 -quality 85 \"$out/ib-\${1##*/}\"'" -)
 job[graphicsmagick-batch]=$(two sh -c "'exec $gm convert \"\$1\" -filter box -resize 1600x1600 -quality 85 \"$out/gb-\${1##*/}\"'" -)
+for sh in "${shapes[@]}"; do
+    job[djpeg-$sh]="$djpeg -rgb -outfile /dev/null $corpus/$sh.jpg"
+    job[varnelo-$sh]="$service <$work/one-$sh.req"
+    list="$work/$sh.list"
+    job[djpeg-$sh-batch]=$(two "$djpeg -rgb -outfile /dev/null")
+    job[varnelo-$sh-batch]="$service <$work/$sh-batch.req"
+done
 job[varnelo-thumb]="$service <$work/thumb.req"
 job[vipsthumbnail-thumb]="$vipsthumbnail $corpus/p24.jpg -s 160 -o $out/vipsthumbnail-thumb.jpg"
 
@@ -184,13 +216,23 @@ single=()
 for mp in "${sizes[@]}"; do for t in "${tools[@]}"; do single+=("$t-$mp"); done; done
 batch=()
 for t in "${tools[@]}"; do batch+=("$t-batch"); done
+shaped=() shaped_batch=()
+for sh in "${shapes[@]}"; do
+    shaped+=("djpeg-$sh" "varnelo-$sh")
+    shaped_batch+=("djpeg-$sh-batch" "varnelo-$sh-batch")
+done
 
 echo "== peak memory, one run of each (also warms the page cache)"
-for t in "${single[@]}" "${batch[@]}" varnelo-thumb vipsthumbnail-thumb; do run_once "$t" memory; done
+for t in "${single[@]}" "${batch[@]}" "${shaped[@]}" varnelo-thumb vipsthumbnail-thumb; do
+    run_once "$t" memory
+done
 echo "== one photo at a time ($single_rounds rounds)"
 run_rounds "$single_rounds" "${single[@]}"
 echo "== 16 photos at once, two at a time for the peers ($batch_rounds rounds)"
 run_rounds "$batch_rounds" "${batch[@]}"
+echo "== other shapes of photo, one at a time ($single_rounds rounds) and 16 at once ($batch_rounds)"
+run_rounds "$single_rounds" "${shaped[@]}"
+run_rounds "$batch_rounds" "${shaped_batch[@]}"
 echo "== thumbnails ($thumb_rounds rounds)"
 run_rounds "$thumb_rounds" varnelo-thumb vipsthumbnail-thumb
 [ -s "$out/thumb.jpg" ] || { echo "bench: the service wrote no thumbnail" >&2; exit 1; }
@@ -276,6 +318,24 @@ results="$root/bench/RESULTS.md"
     echo "varnelo gets all 16 requests at once and runs them on its worker threads; every other"
     echo "command runs two at a time (\`xargs -P 2\`, one photo per process)."
     echo
+    echo "## Other shapes of 24 MP photo, against djpeg"
+    echo
+    echo "| photo | size | djpeg | varnelo | one photo vs floor | 16 at once: throughput vs djpeg | peak memory |"
+    echo "|---|---:|---:|---:|---:|---:|---:|"
+    printf '| %s | %s KiB | %s ms | %s ms | %sx | %sx | %s MiB |\n' "4:2:0, quality 92 (above)" \
+        "$(du -k "$corpus/p24.jpg" | cut -f1)" "$(ms "$(median djpeg-24)")" \
+        "$(ms "$(median varnelo-24)")" "$one24" "$batch_djpeg" "$peak24"
+    for sh in "${shapes[@]}"; do
+        printf '| %s | %s KiB | %s ms | %s ms | %sx | %sx | %s MiB |\n' "${shape_name[$sh]}" \
+            "$(du -k "$corpus/$sh.jpg" | cut -f1)" "$(ms "$(median "djpeg-$sh")")" \
+            "$(ms "$(median "varnelo-$sh")")" "$(ratio "varnelo-$sh" "djpeg-$sh")" \
+            "$(inverse "$(ratio "varnelo-$sh-batch" "djpeg-$sh-batch")")" \
+            "$(mib "$(peak "varnelo-$sh")")"
+    done
+    echo
+    echo "A lone baseline photo is decoded in bands, one per idle processor; a progressive one"
+    echo "decodes on one thread while a second scales and encodes."
+    echo
     echo "## Thumbnails"
     echo
     echo "| command | time | peak memory |"
@@ -287,7 +347,7 @@ results="$root/bench/RESULTS.md"
     echo
     echo "| target | measured | |"
     echo "|---|---:|---|"
-    echo "| one 24 MP photo: at most 1.05x the floor | ${one24}x | $(check "$one24" "<=" 1.05) |"
+    echo "| one 24 MP photo: at most 0.80x the floor | ${one24}x | $(check "$one24" "<=" 0.80) |"
     echo "| 16 photos: at least 0.92x the throughput of djpeg two at a time | ${batch_djpeg}x | $(check "$batch_djpeg" ">=" 0.92) |"
     echo "| 16 photos: at least 2.5x the throughput of vips resize two at a time | ${batch_vips}x | $(check "$batch_vips" ">=" 2.5) |"
     echo "| peak memory converting one 24 MP photo: at most 8 MiB | $peak24 MiB | $(check "$peak24" "<=" 8) |"

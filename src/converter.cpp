@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <csetjmp>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -58,17 +60,8 @@ const int kThumbnailNotWritten = -1;
 // The decoded lines in flight between the decoding and the scaling thread of a conversion.
 const size_t kRelayBytes = 512 << 10;
 
-std::atomic<int> g_overlap{CONVERT_OVERLAP_AUTO};
-// Conversions running in this process, for CONVERT_OVERLAP_AUTO.
-std::atomic<int> g_running{0};
-
-class RunningConversion {
-  public:
-    RunningConversion() { ++g_running; }
-    ~RunningConversion() { --g_running; }
-    RunningConversion(const RunningConversion&) = delete;
-    RunningConversion& operator=(const RunningConversion&) = delete;
-};
+std::atomic<int> g_mode{CONVERT_THREADS_AUTO};
+std::atomic<int> g_bands{2};
 
 // The processors this process may run on (its affinity mask, which a container or taskset may
 // narrow), or the processors online when that cannot be read.
@@ -81,28 +74,118 @@ int UsableProcessors() {
     return GetNumOfCores();
 }
 
-// Whether the conversion about to scale its lines should decode on one thread and scale and
-// encode on another. Counting itself, it overlaps only while every running conversion can
-// have a processor to itself and one is left over.
-bool Overlaps() {
-    static const int cores = UsableProcessors();
-    switch (g_overlap.load()) {
-        case CONVERT_OVERLAP_NEVER:
-            return false;
-        case CONVERT_OVERLAP_ALWAYS:
-            return true;
-        default:
-            return g_running.load() < cores;
+// The usable processors, shared out among the conversions of the process: a conversion holds
+// one while it runs and waits for one while all are held, so that the pool's spare worker never
+// makes two conversions share a processor; helper threads hold one more each, taken only when
+// idle and no conversion waits, and give it back as they end.
+// Threads: any.
+class ProcessorPool {
+  public:
+    explicit ProcessorPool(int count) : m_idle(count) {}
+    ProcessorPool(const ProcessorPool&) = delete;
+    ProcessorPool& operator=(const ProcessorPool&) = delete;
+
+    void TakeOne() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_waiting;
+        m_released.wait(lock, [this] { return m_idle > 0; });
+        --m_waiting;
+        --m_idle;
     }
+    // Up to `wanted` idle processors, without waiting; none while a conversion waits for one,
+    // since a helper would spend it on work that only a lone conversion gains from.
+    int TakeIdle(int wanted) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int taken = m_waiting > 0 ? 0 : std::max(0, std::min(wanted, m_idle));
+        m_idle -= taken;
+        return taken;
+    }
+    void Give(int count) {
+        if (count <= 0) return;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_idle += count;
+        }
+        m_released.notify_all();
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_released;
+    int m_idle;
+    int m_waiting = 0;
+};
+
+ProcessorPool& Processors() {
+    static ProcessorPool pool(UsableProcessors());
+    return pool;
 }
 
+// Processors taken from the pool, given back when the holder goes; Split hands some of them to
+// another holder.
+class HeldProcessors {
+  public:
+    explicit HeldProcessors(int count = 0) : m_count(count) {}
+    ~HeldProcessors() { Processors().Give(m_count); }
+    HeldProcessors(const HeldProcessors&) = delete;
+    HeldProcessors& operator=(const HeldProcessors&) = delete;
+
+    int Count() const { return m_count; }
+    void Add(int count) { m_count += count; }
+    // Takes up to `count` away from this holder, for another one.
+    int Split(int count) {
+        count = std::max(0, std::min(count, m_count));
+        m_count -= count;
+        return count;
+    }
+    // Gives back all but `count`.
+    void Keep(int count) { Processors().Give(Split(m_count - count)); }
+
+  private:
+    int m_count;
+};
+
+// The helper threads of one conversion, joined when the owner goes (or at Join), whatever path
+// the conversion leaves by. Declared after everything the threads use, so that it goes first.
+class HelperThreads {
+  public:
+    HelperThreads() = default;
+    ~HelperThreads() { Join(); }
+    HelperThreads(const HelperThreads&) = delete;
+    HelperThreads& operator=(const HelperThreads&) = delete;
+
+    // False when the system has no thread to give.
+    template <typename Body>
+    bool Start(Body&& body) {
+        try {
+            m_threads.emplace_back(std::forward<Body>(body));
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+    }
+    void Join() {
+        for (std::thread& thread : m_threads) thread.join();
+        m_threads.clear();
+    }
+
+  private:
+    std::vector<std::thread> m_threads;
+};
+
 void Trace(const std::string& text) { log.Put(text, 14); }
+
+void LogHookLine(bool hasOutputMessage) {
+    log.Put("custom_error_exit (" + ToString(hasOutputMessage ? 1 : 0) + ")", 10);
+}
 
 // The library's standard error manager, with the jump point of the guarded call that is
 // running on its object (null between calls).
 struct JpegErrorManager {
     jpeg_error_mgr pub;  // what the library object's `err` points at
     std::jmp_buf* jump = nullptr;
+    // Faults are not logged by the hook: a banded conversion logs its one fault itself.
+    bool quiet = false;
 };
 
 void InitErrorManager(JpegErrorManager& err) {
@@ -120,10 +203,13 @@ template <typename Call>
 [[gnu::noinline]] bool Guarded(JpegErrorManager& err, const Call& call) {
     std::jmp_buf jump;
     err.jump = &jump;
-    const bool returned = setjmp(jump) == 0;
-    if (returned) call();
+    if (setjmp(jump) != 0) {
+        err.jump = nullptr;
+        return false;
+    }
+    call();
     err.jump = nullptr;
-    return returned;
+    return true;
 }
 
 struct FileCloser {
@@ -131,9 +217,14 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-long MemoryCap(FILE* file) {
+// The size of an open file, 0 when unknown.
+long FileSize(FILE* file) {
     struct stat info;
-    const long size = fstat(fileno(file), &info) == 0 && info.st_size > 0 ? info.st_size : 0;
+    return fstat(fileno(file), &info) == 0 && info.st_size > 0 ? info.st_size : 0;
+}
+
+long MemoryCap(FILE* file) {
+    const long size = FileSize(file);
     if (size > (LONG_MAX - kMemoryBase) / kMemoryPerSourceByte) return LONG_MAX;
     return kMemoryBase + size * kMemoryPerSourceByte;
 }
@@ -159,6 +250,7 @@ class JpegSide {
     }
     Object& Info() { return m_object; }
     long Warnings() const { return m_err.pub.num_warnings; }
+    void SetQuiet(bool quiet) { m_err.quiet = quiet; }
 
   protected:
     // False when the file cannot be opened in `mode`.
@@ -182,6 +274,8 @@ class JpegSide {
 // library returns false when the library faulted.
 class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompress> {
   public:
+    JpegReader() : m_printMessage(m_err.pub.output_message) {}
+
     // False when the file cannot be opened for reading.
     bool Open(const std::string& path) { return OpenFile(path, "rb"); }
     // Creates the decompressor on the open file, keeping in memory the segments `copy` names.
@@ -209,9 +303,32 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
         JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
         return Guard([&] { jpeg_read_scanlines(&m_object, rows, 1); });
     }
+    // Passes over the next `lines` lines, decoding only what later lines depend on.
+    bool Skip(int lines) {
+        JDIMENSION skipped = 0;
+        const bool returned = Guard(
+            [&] { skipped = jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines)); });
+        return returned && skipped == static_cast<JDIMENSION>(lines);
+    }
+    long FileBytes() { return FileSize(m_file.get()); }
+    // Progressive and other multi-scan files; valid once started.
+    bool MultiScan() { return jpeg_has_multiple_scans(&m_object) != FALSE; }
+    // The library prints the first warning of each decoder on the standard error stream; a
+    // band's decoder prints nothing, or (the one that counts) carries on the count of the
+    // decoder that read the header, as if it had met that decoder's warnings itself.
+    void SilenceMessages() {
+        m_err.pub.output_message = [](j_common_ptr) {};
+    }
+    void CarryOn(long warnings) {
+        m_err.pub.output_message = m_printMessage;
+        m_err.pub.num_warnings = warnings;
+    }
     bool Finish() {
         return Guard([&] { jpeg_finish_decompress(&m_object); });
     }
+
+  private:
+    void (*m_printMessage)(j_common_ptr);
 };
 
 // The encoding side: the destination file and the compressor, with the same conventions.
@@ -278,6 +395,35 @@ void Prefault(void* buffer, size_t bytes) {
 #endif
 }
 
+// Rows for the decoder to fill, of width + 2 pixels each (PumpRows pads them). The library
+// writes a row that starts on a 32-byte boundary with non-temporal stores, which go around the
+// cache, and the scaler reads every row right after it is written, from memory then: so every
+// row here starts 16 bytes past such a boundary, and is written through the cache.
+// The bytes are left uninitialised: the decoder writes every pixel before any is read.
+class SourceRows {
+  public:
+    SourceRows(int width, size_t count)
+        : m_stride((3 * (static_cast<size_t>(width) + 2) + kAlign - 1) / kAlign * kAlign),
+          m_size(m_stride * count),
+          m_bytes(new unsigned char[m_size + 2 * kAlign]),
+          m_first(m_bytes.get() + (kAlign - reinterpret_cast<uintptr_t>(m_bytes.get()) % kAlign) +
+                  kAlign / 2) {}
+    SourceRows(const SourceRows&) = delete;
+    SourceRows& operator=(const SourceRows&) = delete;
+
+    CPixel* Row(size_t i) { return reinterpret_cast<CPixel*>(m_first + m_stride * i); }
+    // The rows' bytes, all of them.
+    unsigned char* Bytes() { return m_first; }
+    size_t Size() const { return m_size; }
+
+  private:
+    static constexpr size_t kAlign = 32;
+    const size_t m_stride;
+    const size_t m_size;
+    std::unique_ptr<unsigned char[]> m_bytes;
+    unsigned char* const m_first;
+};
+
 // Hands decoded source lines from the thread that decodes them to the thread that scales and
 // encodes them, through a ring of line buffers of width + 2 pixels (PumpRows pads them).
 // Scaling and encoding a line takes a fraction of the time its decoding does, so the scaler
@@ -289,11 +435,10 @@ void Prefault(void* buffer, size_t bytes) {
 class LineRelay {
   public:
     explicit LineRelay(int width)
-        : m_stride(static_cast<size_t>(width) + 2),
-          m_slots(static_cast<int64_t>(
-              std::min<size_t>(64, std::max<size_t>(8, kRelayBytes / (3 * m_stride))))),
-          m_bytes(new unsigned char[3 * m_stride * static_cast<size_t>(m_slots)]) {
-        Prefault(m_bytes.get(), 3 * m_stride * static_cast<size_t>(m_slots));
+        : m_slots(static_cast<int64_t>(std::min<size_t>(
+              64, std::max<size_t>(8, kRelayBytes / (3 * (static_cast<size_t>(width) + 2)))))),
+          m_rows(width, static_cast<size_t>(m_slots)) {
+        Prefault(m_rows.Bytes(), m_rows.Size());
     }
     LineRelay(const LineRelay&) = delete;
     LineRelay& operator=(const LineRelay&) = delete;
@@ -334,16 +479,12 @@ class LineRelay {
 
     static void Pause() { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
     // Rows are scanlines, written by the library as bytes (like every CPixel row).
-    CPixel* Slot(int64_t line) {
-        return reinterpret_cast<CPixel*>(
-            &m_bytes[3 * m_stride * static_cast<size_t>(line % m_slots)]);
-    }
+    CPixel* Slot(int64_t line) { return m_rows.Row(static_cast<size_t>(line % m_slots)); }
 
-    const size_t m_stride;
     const int64_t m_slots;
-    std::unique_ptr<unsigned char[]> m_bytes;  // left uninitialised, so untouched until Prefault
-    int64_t m_published = 0;                   // the producer's own count of lines filled
-    int64_t m_taken = 0;                       // the consumer's own count of lines taken
+    SourceRows m_rows;        // untouched until Prefault
+    int64_t m_published = 0;  // the producer's own count of lines filled
+    int64_t m_taken = 0;      // the consumer's own count of lines taken
     std::atomic<int64_t> m_publishedShared{0};
     std::atomic<int64_t> m_released{0};  // lines the consumer is done with: all taken but the last
     std::atomic<int> m_state{RUNNING};
@@ -352,9 +493,9 @@ class LineRelay {
 // The lines of a conversion, decoded, scaled and encoded on this thread.
 bool PumpSerial(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int srcw, int srch,
                 int dsth, const CPixel* blackRow) {
-    std::vector<CPixel> srcRow(static_cast<size_t>(srcw) + 2);
+    SourceRows srcRow(srcw, 1);
     return PumpLines(
-        resizer, srcw, srch, dsth, srcRow.data(), blackRow,
+        resizer, srcw, srch, dsth, srcRow.Row(0), blackRow,
         [&reader](CPixel* row) { return reader.ReadLine(row); },
         [&writer](const CPixel* row) { return writer.WriteLine(row); },
         [] { Trace("Resizer not another output line"); });
@@ -368,22 +509,20 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
     LineRelay relay(srcw);
     bool written = false;
     std::exception_ptr failure;
-    std::thread scaler;
-    try {
-        scaler = std::thread([&] {
-            try {
-                written = PumpRows(
-                    resizer, srcw, srch, dsth, blackRow, [&relay] { return relay.Next(); },
-                    [&writer](const CPixel* row) { return writer.WriteLine(row); },
-                    [] { Trace("Resizer not another output line"); });
-            } catch (...) {
-                failure = std::current_exception();  // allocation failure, rethrown below
-            }
-            relay.Stop();
-        });
-    } catch (const std::system_error&) {
-        return PumpSerial(reader, writer, resizer, srcw, srch, dsth, blackRow);
-    }
+    HelperThreads scaler;
+    const bool started = scaler.Start([&] {
+        try {
+            written = PumpRows(
+                resizer, srcw, srch, dsth, blackRow, [&relay] { return relay.Next(); },
+                [&writer](const CPixel* row) { return writer.WriteLine(row); },
+                [] { Trace("Resizer not another output line"); });
+        } catch (...) {
+            failure = std::current_exception();  // allocation failure, rethrown below
+        }
+        relay.Stop();
+    });
+    if (!started) return PumpSerial(reader, writer, resizer, srcw, srch, dsth, blackRow);
+    // Nothing below throws, so the scaler always sees the end of the lines before the join.
     bool read = true;
     for (int y = 0; y < srch && read; ++y) {
         CPixel* row = relay.Free();
@@ -392,9 +531,308 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
         if (read) relay.Publish();
     }
     relay.Finish(read);
-    scaler.join();
+    scaler.Join();
     if (failure) std::rethrow_exception(failure);
     return read && written;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bands
+//
+// The decoder's work is a serial entropy decoding and, per line, the inverse DCT, upsampling
+// and colour conversion. A second decoder can pass over the lines before its band, entropy
+// decoding them only (jpeg_skip_scanlines), and reconstruct its band's lines while the first
+// decoder reconstructs the lines above: each band's thread decodes and scales its own lines, and
+// the conversion's own thread, which decodes and scales the first band, encodes them all in
+// order. Passing over the earlier lines makes every decoder meet the same warnings and faults
+// a whole decoding meets before its band; the last one meets all of them, so it alone counts
+// and prints warnings, carrying on from the header read by the first. Band threads log nothing:
+// a fault is logged once by the conversion.
+
+// Passing over a line costs its entropy decoding, which grows with the compressed bytes, while
+// decoding and scaling it adds the inverse DCT, upsampling, colour conversion and scaling, which
+// grow with the pixels: a byte weighs about as much as 6.3 pixels, so passing over a line of a
+// detailed photo of 3 bits a pixel costs about 0.7 of decoding it, of a plainer one less.
+// A line of the first band costs this much more than one of the others, since the first band's
+// thread also encodes it. So the first band is shorter by the encoding, and each later one by
+// what its decoder passes over.
+const double kPixelsPerByte = 6.3;
+const double kEncodeShare = 0.03;
+// A band decodes at least this many lines, so that its decoder's set-up stays small beside them
+// (unless bands are asked for, as the tests do on small images).
+const int kMinBandLines = 64;
+// The lines of the bands after the first wait in memory until the encoder takes them.
+const size_t kBandBufferBytes = 24 << 20;
+
+// Destination lines [firstRow, endRow), scaled from source lines firstSource on.
+struct Band {
+    int firstRow;
+    int endRow;
+    int firstSource;
+};
+
+// The cost of passing over a line of the source relative to decoding and scaling it.
+double SkipCost(long bytes, int srcw, int srch) {
+    const double entropy = kPixelsPerByte * static_cast<double>(bytes);
+    const double rest = srcw * static_cast<double>(srch);
+    return std::min(0.9, std::max(0.2, entropy / (entropy + rest)));
+}
+
+// Up to `count` bands balanced for the cost s of passing over lines: band 0 ends at source
+// fraction x1 = T / (1 + e), band k at x(k+1) = x(k) * (1 - s) + T, where T, the time of each
+// band, is found so that the last ends at 1. Bands that would be too short are dropped.
+std::vector<Band> PlanBands(const ReducerRows& rows, int srch, double skipCost, int count,
+                            int minLines) {
+    std::vector<Band> bands;
+    if (rows.first.empty() || count < 2) return bands;
+    const auto split = [&](double time, std::vector<double>* at) {
+        double x = time / (1 + kEncodeShare);
+        for (int k = 1; k < count; ++k) {
+            if (at != nullptr) at->push_back(x);
+            x = x * (1 - skipCost) + time;
+        }
+        return x;
+    };
+    double lo = 0, hi = 1 + kEncodeShare;  // one band would take 1 + e
+    for (int i = 0; i < 50; ++i) {
+        const double mid = (lo + hi) / 2;
+        (split(mid, nullptr) < 1 ? lo : hi) = mid;
+    }
+    std::vector<double> at;
+    split(hi, &at);
+    const int dsth = static_cast<int>(rows.first.size());
+    bands.push_back({0, dsth, 0});
+    for (double x : at) {
+        const int line = static_cast<int>(x * srch);
+        const int row = static_cast<int>(
+            std::lower_bound(rows.first.begin(), rows.first.end(), line) - rows.first.begin());
+        if (row >= dsth || rows.first[row] - bands.back().firstSource < minLines) continue;
+        bands.back().endRow = row;
+        bands.push_back({row, dsth, rows.first[row]});
+    }
+    if (srch - bands.back().firstSource < minLines && bands.size() > 1) {
+        bands.pop_back();
+        bands.back().endRow = dsth;
+    }
+    if (bands.size() < 2) bands.clear();
+    return bands;
+}
+
+// Decodes and scales one band: passes over the lines before it, then hands out its destination
+// lines through emit(const CPixel*), which returns false to stop. The last band reads the image
+// to its end, as the decoder must before it is finished. False when stopped or faulted.
+template <typename Emit>
+bool ScaleBand(JpegReader& reader, CResizer& resizer, const ReducerRows& rows, const Band& band,
+               bool last, int srcw, int srch, const CPixel* blackRow, const std::atomic<bool>& stop,
+               Emit&& emit) {
+    if (band.firstSource > 0 && !reader.Skip(band.firstSource)) return false;
+    resizer.StartAt(band.firstSource, band.firstRow);
+    const int lines = (last ? srch : rows.ready[band.endRow - 1] + 1) - band.firstSource;
+    SourceRows buffer(srcw, 1);
+    CPixel* srcRow = buffer.Row(0);
+    return PumpRows(
+        resizer, srcw, lines, band.endRow - band.firstRow, blackRow,
+        [&]() -> CPixel* {
+            if (stop.load(std::memory_order_relaxed)) return nullptr;
+            return reader.ReadLine(srcRow) ? srcRow : nullptr;
+        },
+        emit, [] {});
+}
+
+// One band after the first: its decoder, its resizer and its scaled lines, which its thread
+// writes and the encoding thread reads as `ready` grows.
+struct BandWork {
+    enum State { RUNNING, DONE, FAILED };
+
+    Band band;
+    bool last = false;
+    JpegReader reader;  // the band thread's until it ends; then the last is finished by the owner
+    std::unique_ptr<CPixel[]> rows;
+    std::atomic<int> ready{0};
+    std::atomic<int> state{RUNNING};
+    std::exception_ptr failure;
+};
+
+// A banded conversion's bands after the first and their threads.
+// Threads: created and used by the conversion's thread; each BandWork is shared with its band's
+// thread through `ready` and `state` only, until the threads are joined.
+class BandedDecoder {
+  public:
+    BandedDecoder(const std::string& src, std::vector<Band> bands, ReducerRows rows, int srcw,
+                  int srch, int dstw, int dsth, long headerWarnings, CResizer& firstResizer)
+        : m_src(src),
+          m_bands(std::move(bands)),
+          m_rows(std::move(rows)),
+          m_srcw(srcw),
+          m_srch(srch),
+          m_dstw(dstw),
+          m_dsth(dsth),
+          m_headerWarnings(headerWarnings),
+          m_resizer0(firstResizer) {}
+    BandedDecoder(const BandedDecoder&) = delete;
+    BandedDecoder& operator=(const BandedDecoder&) = delete;
+
+    // Decodes every band, writing the lines in order. The first band is decoded by `reader`,
+    // which has started; `held` are processors to hand one each to the band threads. False when
+    // a decoder or the encoder faulted (the fault is not logged yet).
+    bool Pump(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
+        reader.SetQuiet(true);
+        writer.SetQuiet(true);
+        const bool ok = PumpQuietly(reader, writer, held);
+        reader.SetQuiet(false);
+        writer.SetQuiet(false);
+        return ok;
+    }
+
+    // The decoder that has read every line, to be finished; the one whose warnings count.
+    JpegReader& Last(JpegReader& reader) { return m_work.empty() ? reader : m_work.back()->reader; }
+
+  private:
+    bool PumpQuietly(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
+        for (size_t k = 1; k < m_bands.size(); ++k) {
+            m_work.push_back(std::make_unique<BandWork>());
+            BandWork& work = *m_work.back();
+            work.band = m_bands[k];
+            work.last = k + 1 == m_bands.size();
+            work.rows.reset(new CPixel[static_cast<size_t>(work.band.endRow - work.band.firstRow) *
+                                       static_cast<size_t>(m_dstw)]);
+        }
+        for (auto& work : m_work) {
+            const int own = held.Split(1);
+            if (!m_threads.Start([this, &work, own] { Run(*work, own); })) {
+                Processors().Give(own);
+                m_stop = true;
+                m_threads.Join();
+                m_work.clear();
+                return Serial(reader, writer);
+            }
+        }
+        reader.SilenceMessages();
+        const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
+        bool ok =
+            ScaleBand(reader, m_resizer0, m_rows, m_bands[0], false, m_srcw, m_srch, black.data(),
+                      m_stop, [&writer](const CPixel* row) { return writer.WriteLine(row); });
+        for (size_t k = 0; ok && k < m_work.size(); ++k) ok = Encode(*m_work[k], writer);
+        if (!ok) m_stop = true;
+        m_threads.Join();
+        for (auto& work : m_work) {
+            work->reader.SetQuiet(false);
+            if (work->failure) std::rethrow_exception(work->failure);
+            ok = ok && work->state.load() == BandWork::DONE;
+        }
+        return ok;
+    }
+
+    // The conversion's own decoder reads everything when no band thread can be had.
+    bool Serial(JpegReader& reader, JpegWriter& writer) {
+        const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
+        return PumpSerial(reader, writer, m_resizer0, m_srcw, m_srch, m_dsth, black.data());
+    }
+
+    // A band thread: opens its own decoder on the source and decodes and scales its band.
+    void Run(BandWork& work, int processors) {
+        const HeldProcessors held(processors);
+        bool ok = false;
+        try {
+            std::unique_ptr<CResizer> resizer =
+                CreateResizer(RESIZER_REDUCES, m_srcw, m_srch, m_dstw, m_dsth);
+            CPixel* out = work.rows.get();
+            const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
+            ok = OpenBand(work) &&
+                 ScaleBand(work.reader, *resizer, m_rows, work.band, work.last, m_srcw, m_srch,
+                           black.data(), m_stop, [&](const CPixel* row) {
+                               std::copy(row, row + m_dstw, out);
+                               out += m_dstw;
+                               work.ready.fetch_add(1, std::memory_order_release);
+                               return true;
+                           });
+        } catch (...) {
+            work.failure = std::current_exception();  // allocation failure, rethrown by Pump
+        }
+        if (!ok) m_stop = true;
+        work.state.store(ok ? BandWork::DONE : BandWork::FAILED, std::memory_order_release);
+    }
+
+    bool OpenBand(BandWork& work) {
+        JpegReader& reader = work.reader;
+        reader.SetQuiet(true);
+        reader.SilenceMessages();
+        int header = 0;
+        bool started = false;
+        if (!reader.Open(m_src) || !reader.Create(JCOPYOPT_NONE) || !reader.ReadHeader(header) ||
+            header != JPEG_HEADER_OK) {
+            return false;
+        }
+        reader.DecodeToRgb();
+        if (!reader.Start(started) || !started || reader.MultiScan() ||
+            static_cast<int>(reader.Info().output_width) != m_srcw ||
+            static_cast<int>(reader.Info().output_height) != m_srch) {
+            return false;
+        }
+        if (work.last) reader.CarryOn(m_headerWarnings);
+        return true;
+    }
+
+    // Writes a band's lines as its thread makes them; false when the band or the encoder failed.
+    bool Encode(BandWork& work, JpegWriter& writer) {
+        const int count = work.band.endRow - work.band.firstRow;
+        const CPixel* row = work.rows.get();
+        for (int i = 0; i < count; ++i, row += m_dstw) {
+            while (work.ready.load(std::memory_order_acquire) <= i) {
+                // The state is read before the count, so an end seen here covers every line.
+                if (work.state.load(std::memory_order_acquire) != BandWork::RUNNING &&
+                    work.ready.load(std::memory_order_acquire) <= i) {
+                    return false;
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+            if (!writer.WriteLine(row)) return false;
+        }
+        return true;
+    }
+
+    const std::string m_src;
+    const std::vector<Band> m_bands;
+    const ReducerRows m_rows;
+    const int m_srcw, m_srch, m_dstw, m_dsth;
+    const long m_headerWarnings;
+    CResizer& m_resizer0;  // the first band's, the conversion's own
+    std::atomic<bool> m_stop{false};
+    std::vector<std::unique_ptr<BandWork>> m_work;
+    HelperThreads m_threads;  // last: joined before the work it uses goes
+};
+
+// The bytes of scaled lines the bands after the first keep.
+size_t BufferedBytes(const std::vector<Band>& plan, int dstw) {
+    const int rows = plan.size() > 1 ? plan.back().endRow - plan[1].firstRow : 0;
+    return static_cast<size_t>(rows) * static_cast<size_t>(dstw) * sizeof(CPixel);
+}
+
+// How the conversion about to scale the lines of `reader` runs: in bands where they apply,
+// else with overlap, while processors are idle (taken into `helpers`); bandCount is the number
+// of bands to plan.
+ConvertThreads ChooseThreads(JpegReader& reader, TypeOfResizer type, int& bandCount,
+                             HeldProcessors& helpers) {
+    const bool bandable = type == RESIZER_REDUCES && !reader.MultiScan();
+    switch (g_mode.load()) {
+        case CONVERT_THREADS_ONE:
+            return CONVERT_THREADS_ONE;
+        case CONVERT_THREADS_OVERLAP:
+            return CONVERT_THREADS_OVERLAP;
+        case CONVERT_THREADS_BANDS:
+            bandCount = g_bands.load();
+            return bandable ? CONVERT_THREADS_BANDS : CONVERT_THREADS_ONE;
+        default:
+            break;
+    }
+    helpers.Add(Processors().TakeIdle(UsableProcessors() - 1));
+    if (helpers.Count() == 0) return CONVERT_THREADS_ONE;
+    if (bandable) {
+        bandCount = 1 + helpers.Count();
+        return CONVERT_THREADS_BANDS;
+    }
+    helpers.Keep(1);
+    return CONVERT_THREADS_OVERLAP;
 }
 
 // A fault while only the source is open.
@@ -538,23 +976,29 @@ int WriteEmbeddedThumbnail(const std::string& src, const std::string& dst, long&
 void custom_error_exit(jpeg_common_struct* cinfo) {
     // Whether the manager's message hook is set; jpeg_std_error always sets it. The library's
     // own text is deliberately not fetched: the log shows this line for every fault.
-    const bool hasOutputMessage = cinfo->err->output_message != nullptr;
-    log.Put("custom_error_exit (" + ToString(hasOutputMessage ? 1 : 0) + ")", 10);
-    std::jmp_buf* jump = reinterpret_cast<JpegErrorManager*>(cinfo->err)->jump;
+    const JpegErrorManager* err = reinterpret_cast<JpegErrorManager*>(cinfo->err);
+    if (!err->quiet) LogHookLine(cinfo->err->output_message != nullptr);
+    std::jmp_buf* jump = err->jump;
     if (jump == nullptr) std::abort();  // a library call made outside Guarded
     std::longjmp(*jump, 1);
 }
 
-void SetConvertOverlap(ConvertOverlap mode) { g_overlap.store(mode); }
+void SetConvertThreads(ConvertThreads mode, int bands) {
+    g_mode.store(mode);
+    g_bands.store(std::max(bands, 2));
+}
 
 int ConvertFile(const std::string& src, const std::string& dst, int size, int quality,
                 int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
                 TypeOfResizer resizerType, bool omitEXIF) {
-    const RunningConversion running;
     if (src.empty() || dst.empty() || src == dst) return CR_RESAMPLING_ERROR;
     // An unknown resizer is refused before any file is opened.
     const char* resizerName = ResizerName(resizerType);
     if (resizerName == nullptr) return CR_RESAMPLING_ERROR;
+    // The processor this conversion runs on.
+    const bool pooled = g_mode.load() == CONVERT_THREADS_AUTO;
+    if (pooled) Processors().TakeOne();
+    const HeldProcessors own(pooled ? 1 : 0);
     size = std::min(std::max(size, kMinSize), kMaxSize);
     quality = std::min(std::max(quality, 0), 100);
     const JCOPY_OPTION copy = omitEXIF ? JCOPYOPT_NONE : JCOPYOPT_ALL;
@@ -613,10 +1057,39 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
 
     Trace("Resizing...");
     std::vector<CPixel> blackRow(static_cast<size_t>(out.width));
-    const auto pump = Overlaps() ? PumpOverlapped : PumpSerial;
-    if (!pump(reader, writer, *resizer, srcw, srch, out.height, blackRow.data())) {
-        return ConversionFault(reader, writer);
+    std::unique_ptr<BandedDecoder> bands;
+    bool pumped = false;
+    HeldProcessors helpers;  // the idle processors the helper threads run on
+    int bandCount = 1;
+    ConvertThreads threads = ChooseThreads(reader, resizerType, bandCount, helpers);
+    if (threads == CONVERT_THREADS_BANDS) {
+        ReducerRows rows = ScheduleReduction(srch, out.height);
+        const bool forced = g_mode.load() == CONVERT_THREADS_BANDS;
+        std::vector<Band> plan = PlanBands(rows, srch, SkipCost(reader.FileBytes(), srcw, srch),
+                                           bandCount, forced ? 1 : kMinBandLines);
+        if (BufferedBytes(plan, out.width) > kBandBufferBytes) plan.clear();
+        if (plan.size() > 1) {
+            helpers.Keep(static_cast<int>(plan.size()) - 1);
+            bands =
+                std::make_unique<BandedDecoder>(src, std::move(plan), std::move(rows), srcw, srch,
+                                                out.width, out.height, reader.Warnings(), *resizer);
+        } else {
+            // Too small or too large for bands: an idle processor still serves for overlap.
+            threads = helpers.Count() > 0 ? CONVERT_THREADS_OVERLAP : CONVERT_THREADS_ONE;
+            helpers.Keep(1);
+        }
     }
+    if (bands != nullptr) {
+        // Every decoder faults quietly in bands; the conversion logs the hook's line once.
+        pumped = bands->Pump(reader, writer, helpers);
+        if (!pumped) LogHookLine(true);
+    } else if (threads == CONVERT_THREADS_OVERLAP) {
+        pumped = PumpOverlapped(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
+    } else {
+        pumped = PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
+    }
+    helpers.Keep(0);
+    if (!pumped) return ConversionFault(reader, writer);
     Trace("Delete resizer");
     resizer.reset();
     std::vector<CPixel>().swap(blackRow);
@@ -625,11 +1098,14 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     if (!writer.Finish()) return ConversionFault(reader, writer);
     writer.Close();
     Trace("Close input file");
-    if (!reader.Finish()) return ConversionFault(reader, writer);
+    JpegReader& source = bands != nullptr ? bands->Last(reader) : reader;
+    if (!source.Finish()) return ConversionFault(reader, writer);
+    const long warnings = source.Warnings() + writer.Warnings();
     reader.Close();
+    bands.reset();
 
     hash = SourceHash(src, hashType);
-    return Finished(reader.Warnings() + writer.Warnings());
+    return Finished(warnings);
 }
 
 int ConvertFileThumbnail(const std::string& src, const std::string& dst, int size, int quality,

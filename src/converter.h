@@ -6,9 +6,10 @@
 // when there is one; and the JPEG library's fatal-error hook that both rely on.
 //
 // Threads: every call owns all of its state (library objects, error managers, files,
-// resizer, buffers, hash) for its own length, and may run part of its work on a second thread
-// of its own (see ConvertOverlap); calls on different threads share only the logger and a
-// count of running conversions. Nothing throws out of a conversion except allocation failure.
+// resizer, buffers, hash) for its own length, and may run part of its work on helper threads
+// of its own, joined before it returns (see ConvertThreads); calls on different threads share
+// only the logger and the count of processors held. Nothing throws out of a conversion except
+// allocation failure.
 
 #include <string>
 
@@ -31,14 +32,25 @@ enum ConvertResult {
     CR_INTERNAL_ERROR = 6,       // reserved for callers; never returned by the conversions
 };
 
-// Whether a conversion decodes its source on its own thread while a second thread scales and
-// encodes the lines already decoded. AUTO overlaps only while fewer conversions than
-// processors are running, so that a lone photo takes an idle processor and a busy service keeps
-// one thread per conversion; NEVER and ALWAYS force it, for tests and measurements.
-enum ConvertOverlap { CONVERT_OVERLAP_AUTO, CONVERT_OVERLAP_NEVER, CONVERT_OVERLAP_ALWAYS };
+// How a conversion spreads over processors. ONE decodes, scales and encodes on the calling
+// thread. OVERLAP decodes there while a second thread scales and encodes. BANDS decodes a
+// single-scan photo in horizontal bands, one decoder and one thread per band, each scaling its
+// own lines, while the calling thread encodes them in order; it applies to the area-averaging
+// reducer only, and other conversions keep to one thread. AUTO holds one processor per running
+// conversion, waiting while every usable processor is held, and takes the idle ones for bands
+// (or, where bands do not apply, one for overlap). The output, the result, the warnings and the
+// trace are the same in every mode: band threads log nothing, and a fault in any band is logged
+// once, as a one-thread conversion logs it.
+enum ConvertThreads {
+    CONVERT_THREADS_AUTO,
+    CONVERT_THREADS_ONE,
+    CONVERT_THREADS_OVERLAP,
+    CONVERT_THREADS_BANDS
+};
 
-// Sets the overlap policy of every conversion that starts from now on (AUTO at start-up).
-void SetConvertOverlap(ConvertOverlap mode);
+// Sets the mode of every conversion that starts from now on (AUTO at start-up); `bands` is the
+// number of bands BANDS asks for (at least 2), for tests and measurements.
+void SetConvertThreads(ConvertThreads mode, int bands = 2);
 
 // The error_exit hook of every library object the conversions create: logs
 // "custom_error_exit (1)" at level 10 and returns to the conversion, which cleans up and reports

@@ -8,6 +8,34 @@
 
 namespace Varnelo {
 
+namespace {
+
+// The reducer's footprints along one direction: `count` intervals [Start(), End()) in 1/256
+// pixel that tile [0, 256 * size - 1), advanced by an exact (Bresenham) division of that length.
+// Starts on the first footprint; Next moves to the following one.
+class FootprintStepper {
+  public:
+    FootprintStepper(int size, int count)
+        : m_step(static_cast<uint32_t>(size) * 256 - 1), m_count(static_cast<uint32_t>(count)) {
+        Next();
+    }
+    uint32_t Start() const { return m_start; }
+    uint32_t End() const { return m_end; }
+    void Next() {
+        m_start = m_end;
+        m_rem += m_step;
+        m_end += m_rem / m_count;
+        m_rem %= m_count;
+    }
+
+  private:
+    uint32_t m_step;
+    uint32_t m_count;
+    uint32_t m_start = 0, m_end = 0, m_rem = 0;
+};
+
+}  // namespace
+
 // Nearest-sample scaling: a Bresenham selector across and another down. A reduction keeps the
 // last source pixel (and line) of each group, an enlargement repeats them. Both selectors start
 // half-way (size / 2), so a source 1 pixel wide leaves the last destination pixel black and a
@@ -109,41 +137,38 @@ class CResizerReduces : public CResizer {
     void SetSourceLine(const CPixel* src) override;
     bool NewDestinationLine() override;
     CPixel* GetDestinationLinePointer() override;
+    bool StartAt(int sourceLine, int destinationLine) override;
 
   private:
+    // One destination column's footprint across, clamped into the line.
+    struct Footprint {
+        int first, inner, last;
+        uint32_t w0, w1, len;
+    };
+
     void Init();
+    std::vector<Footprint> FootprintsAcross() const;
+    void BuildFilterTable(const std::vector<Footprint>& footprints);
+    void BuildDivider(const std::vector<Footprint>& footprints);
     void LineProcess(const CPixel* src, CPixel* dst);
 
-    uint32_t m_start;
-    uint32_t m_end;
-    uint32_t m_step;
-    uint32_t m_rem;
+    FootprintStepper m_footprint;  // of the next destination line, down the image
     int m_lineCount;
     int m_firstLine;
     int m_produced;
     CLineRing m_lines;
-    // Across, every footprint is a filter of m_taps weights (w0, 256, ..., 256, w1, zeros) over
-    // the source pixels from m_firstPixel[x]: one tight loop of equal length for all columns.
-    int m_taps;
-    std::vector<int> m_firstPixel;
-    std::vector<uint32_t> m_weights;  // m_taps per destination column
-    std::vector<ClampedQuotient> m_means;
-    // The same divisions for a whole line of sums in one loop that vectorises: a multiplier and
-    // a clamp per sample and one shift for all. Empty when some divisor does not allow it.
-    std::vector<uint32_t> m_rowMul;
-    std::vector<uint32_t> m_rowLimit;
-    unsigned m_rowShift;
-    std::vector<uint32_t> m_sums;  // per-sample scratch: the sums across, then down
-    // The vector loops, or null for the plain ones above. Their filter reads each window with
-    // 16-byte loads: columns from m_insideColumns on, whose loads would pass the line's end, read
-    // a copy of the line from pixel m_tailStart on, padded to take them.
+    // Across, every footprint is a filter of weights (w0, 256, ..., 256, w1, zeros) over a
+    // window of source pixels, laid out in m_table for the loops of m_kernels; the filter reads
+    // each window with 16-byte loads, so columns from m_insideColumns on, whose loads would pass
+    // the line's end, read a copy of the line from pixel m_tailStart on, padded to take them.
     const ReducerKernels* m_kernels;
     ReducerFilterTable m_table;
     int m_insideColumns;
     int m_tailStart;
     std::vector<unsigned char> m_tail;
+    RowDivider m_divider;          // the sums across, divided by their footprints' lengths
+    std::vector<uint32_t> m_sums;  // per-sample scratch: the sums across, then down
     std::vector<const unsigned char*> m_innerRows;  // the column pass's whole rows
-    std::vector<float> m_rowReciprocals;            // per sample; empty when a divisor is too large
 };
 
 namespace {
@@ -169,21 +194,16 @@ uint32_t SmoothPosition(int size, uint32_t index, int count) {
     return static_cast<uint32_t>(static_cast<uint64_t>(p));
 }
 
-inline unsigned CeilLog2(uint64_t d) {
-    unsigned bits = 0;
-    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
-    return bits;
-}
-
-// The reducer's vector loops for `path`: the widest the CPU has for RESIZER_PATH_BEST, null for
-// plain C++ (also when the path does not exist here).
+// The reducer's loops for `path`: the widest the CPU has for RESIZER_PATH_BEST, and the best
+// one when the path does not exist here.
 const ReducerKernels* KernelsFor(ResizerPath path) {
     if (path == RESIZER_PATH_BEST) {
-        const ReducerKernels* best = VectorKernels(RESIZER_PATH_AVX2);
-        return best != nullptr ? best : VectorKernels(RESIZER_PATH_SSE2);
+        for (ResizerPath widest : {RESIZER_PATH_AVX2, RESIZER_PATH_SSE2}) {
+            if (const ReducerKernels* kernels = ReducerKernelsFor(widest)) return kernels;
+        }
+        return ReducerKernelsFor(RESIZER_PATH_PLAIN);
     }
-    if (path == RESIZER_PATH_PLAIN) return nullptr;
-    const ReducerKernels* kernels = VectorKernels(path);
+    const ReducerKernels* kernels = ReducerKernelsFor(path);
     return kernels != nullptr ? kernels : KernelsFor(RESIZER_PATH_BEST);
 }
 
@@ -292,6 +312,8 @@ CResizer::~CResizer() = default;
 
 bool CResizer::NewDestinationLine() { return m_readyLines != 0; }
 
+bool CResizer::StartAt(int, int) { return false; }
+
 namespace {
 
 // The resizers by TypeOfResizer, with the names the conversion's trace shows.
@@ -328,7 +350,7 @@ const ResizerKind* KindOf(int type) {
 
 bool ResizerPathAvailable(ResizerPath path) {
     return path == RESIZER_PATH_BEST || path == RESIZER_PATH_PLAIN ||
-           VectorKernels(path) != nullptr;
+           ReducerKernelsFor(path) != nullptr;
 }
 
 std::unique_ptr<CResizer> CreateResizer(int type, int srcWidth, int srcHeight, int dstWidth,
@@ -517,16 +539,11 @@ CPixel* CResizerTidy::GetDestinationLinePointer() {
 CResizerReduces::CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
                                  ResizerPath path)
     : CResizer(srcWidth, srcHeight, dstWidth, dstHeight),
-      m_start(0),
-      m_end(0),
-      m_step(0),
-      m_rem(0),
+      m_footprint(srcHeight, dstHeight),
       m_lineCount((srcHeight - 1) / dstHeight + 2),
       m_firstLine(0),
       m_produced(0),
       m_lines(m_lineCount, dstWidth),
-      m_taps(1),
-      m_rowShift(0),
       m_kernels(KernelsFor(path)),
       m_insideColumns(0),
       m_tailStart(0) {
@@ -538,31 +555,23 @@ void CResizerReduces::Init() {
     m_firstLine = -m_lineCount;
     m_produced = 0;
     m_readyLines = 0;
-    m_start = 0;
-    m_end = 0;
-    m_step = static_cast<uint32_t>(m_srcHeight) * 256 - 1;
-    m_rem = m_step;
-    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
-    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    m_footprint = FootprintStepper(m_srcHeight, m_dstHeight);
     // The vector filter stores four sums per column, the fourth overwritten by the next one.
     m_sums.assign(static_cast<size_t>(std::max(m_dstWidth, 0)) * 3 + 1, 0);
+    m_innerRows.assign(m_lineCount, nullptr);
 
-    // The horizontal footprints are the same for every line: run the Bresenham division once,
-    // then lay each footprint out as weights over a window of m_taps pixels inside the line.
-    struct Footprint {
-        int first, inner, last;
-        uint32_t w0, w1, len;
-    };
+    const std::vector<Footprint> footprints = FootprintsAcross();
+    BuildFilterTable(footprints);
+    BuildDivider(footprints);
+}
+
+// The horizontal footprints are the same for every line: the Bresenham division runs once.
+std::vector<CResizerReduces::Footprint> CResizerReduces::FootprintsAcross() const {
     std::vector<Footprint> footprints;
     footprints.reserve(std::max(m_dstWidth, 0));
-    const uint32_t step = static_cast<uint32_t>(m_srcWidth) * 256 - 1;
-    const uint32_t width = static_cast<uint32_t>(m_dstWidth);
-    uint32_t start = 0, end = 0, rem = 0;
-    m_taps = 1;
-    for (int x = 0; x < m_dstWidth; ++x) {
-        rem += step;
-        end += rem / width;
-        rem %= width;
+    FootprintStepper across(m_srcWidth, m_dstWidth);
+    for (int x = 0; x < m_dstWidth; ++x, across.Next()) {
+        const uint32_t start = across.Start(), end = across.End();
         const int64_t i0 = start / 256;
         const int64_t i1 = end / 256;
         Footprint f;
@@ -573,149 +582,62 @@ void CResizerReduces::Init() {
         f.w0 = 256 - start % 256;
         f.w1 = end % 256;
         f.len = end - start;
-        m_taps = std::max(m_taps, std::max(f.last, f.first + f.inner) - f.first + 1);
         footprints.push_back(f);
-        start = end;
     }
-    m_firstPixel.clear();
-    m_weights.assign(footprints.size() * static_cast<size_t>(m_taps), 0);
+    return footprints;
+}
+
+// Each footprint as weights over a window of as many pixels as the widest needs, starting at
+// its first pixel, moved left as far as needed to end inside the line (the weights before the
+// footprint are then zero). A pixel's weight is at most w0 + 256 + w1, so 16 bits hold it.
+void CResizerReduces::BuildFilterTable(const std::vector<Footprint>& footprints) {
+    int taps = 1;
+    for (const Footprint& f : footprints) {
+        taps = std::max(taps, std::max(f.last, f.first + f.inner) - f.first + 1);
+    }
+    std::vector<int> firstPixel;
+    std::vector<uint32_t> weights(footprints.size() * static_cast<size_t>(taps), 0);
     for (size_t x = 0; x < footprints.size(); ++x) {
         const Footprint& f = footprints[x];
-        // The window starts at the footprint's first pixel, moved left as far as needed to end
-        // inside the line; the weights before the footprint are then zero.
-        const int window = std::max(0, std::min(f.first, m_srcWidth - m_taps));
-        uint32_t* w = &m_weights[x * m_taps];
+        const int window = std::max(0, std::min(f.first, m_srcWidth - taps));
+        uint32_t* w = &weights[x * taps];
         w[f.first - window] += f.w0;
         for (int k = 1; k <= f.inner; ++k) w[f.first + k - window] += 256;
         w[f.last - window] += f.w1;  // the same pixel as w0 when the footprint is inside one
-        m_firstPixel.push_back(window);
+        firstPixel.push_back(window);
     }
-
-    // The vector loops take their own table, and divide by float reciprocals when every
-    // divisor allows; the tables of the plain loops below are then never built.
-    m_rowReciprocals.clear();
-    if (m_kernels != nullptr && !m_table.Build(m_taps, m_firstPixel, m_weights)) {
-        m_kernels = nullptr;
-    }
-    if (m_kernels != nullptr) {
-        std::vector<uint32_t>().swap(m_weights);
-        m_insideColumns = m_table.ColumnsInside(m_srcWidth);
-        m_tailStart = m_table.TailStart(m_srcWidth);
-        m_tail.assign(
-            3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
-        m_innerRows.assign(m_lineCount, nullptr);
-        // Windows of at most 64 weights of at most 511 keep every sum below 2^23.
-        for (const Footprint& f : footprints) {
-            if (BoxDivisor(f.len) >= kReciprocalDivisors || m_taps > 64) {
-                m_rowReciprocals.clear();
-                break;
-            }
-            m_rowReciprocals.insert(m_rowReciprocals.end(), 3, Reciprocal(BoxDivisor(f.len)));
-        }
-        if (!m_rowReciprocals.empty()) return;
-    }
-
-    // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
-    // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
-    // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
-    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32. Failing
-    // that, each column divides on its own.
-    m_rowMul.clear();
-    m_rowLimit.clear();
-    m_rowShift = 0;
-    unsigned bits = 0;
-    for (const Footprint& f : footprints) bits = std::max(bits, CeilLog2(BoxDivisor(f.len)));
-    const unsigned shift = 8 + 2 * bits;
-    bool rowQuotients = uint64_t(m_taps) * 255 * 256 < 0x80000000u && bits <= 24;
-    for (size_t x = 0; x < footprints.size() && rowQuotients; ++x) {
-        const uint64_t d = BoxDivisor(footprints[x].len);
-        const uint64_t m = ((uint64_t(1) << shift) + d - 1) / d;
-        rowQuotients = m <= 0xFFFFFFFFu;
-        m_rowMul.insert(m_rowMul.end(), 3, static_cast<uint32_t>(m));
-        m_rowLimit.insert(m_rowLimit.end(), 3, static_cast<uint32_t>(256 * d - 1));
-    }
-    m_means.clear();
-    if (rowQuotients) {
-        m_rowShift = shift;
-        return;
-    }
-    m_rowMul.clear();
-    m_rowLimit.clear();
-    for (const Footprint& f : footprints) m_means.push_back(ClampedQuotient(BoxDivisor(f.len)));
+    m_table.Build(taps, firstPixel, weights);
+    m_insideColumns = m_table.ColumnsInside(m_srcWidth);
+    m_tailStart = m_table.TailStart(m_srcWidth);
+    m_tail.assign(
+        3 * static_cast<size_t>(m_srcWidth - m_tailStart) + ReducerFilterTable::kLoadBytes, 0);
 }
 
-namespace {
-
-// One line across: sums[3x + c] = sum over the window of weight * sample. With the window
-// length known at compile time (Taps > 0) the loop over it unrolls completely.
-template <int Taps>
-void FilterLine(const CPixel* src, uint32_t* __restrict sums, int n, int taps,
-                const int* firstPixel, const uint32_t* weights) {
-    const int t = Taps > 0 ? Taps : taps;
-    for (int x = 0; x < n; ++x, weights += t, sums += 3) {
-        const CPixel* p = src + firstPixel[x];
-        uint32_t r = 0, g = 0, b = 0;
-        for (int k = 0; k < t; ++k) {
-            r += p[k].r * weights[k];
-            g += p[k].g * weights[k];
-            b += p[k].b * weights[k];
-        }
-        sums[0] = r;
-        sums[1] = g;
-        sums[2] = b;
-    }
+void CResizerReduces::BuildDivider(const std::vector<Footprint>& footprints) {
+    std::vector<uint32_t> divisors;
+    divisors.reserve(footprints.size());
+    for (const Footprint& f : footprints) divisors.push_back(BoxDivisor(f.len));
+    m_divider.Build(divisors, m_table.taps);
 }
-
-void RowQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
-                  const uint32_t* __restrict mul, const uint32_t* __restrict limit, unsigned shift,
-                  int n) {
-    for (int i = 0; i < n; ++i) {
-        const uint32_t s = sums[i] < limit[i] ? sums[i] : limit[i];
-        out[i] = static_cast<unsigned char>((static_cast<uint64_t>(s) * mul[i]) >> shift);
-    }
-}
-
-}  // namespace
 
 void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) {
-    const int n = static_cast<int>(m_firstPixel.size());
+    const int n = m_table.columns;
     uint32_t* sums = m_sums.data();
-    if (m_kernels != nullptr) {
-        const unsigned char* line = Samples(src);
-        m_kernels->filter(m_table, line, 0, 0, m_insideColumns, sums);
-        if (m_insideColumns < n) {
-            std::copy(line + 3 * m_tailStart, line + 3 * m_srcWidth, m_tail.begin());
-            m_kernels->filter(m_table, m_tail.data(), m_tailStart, m_insideColumns, n, sums);
-        }
-    } else {
-        // Windows of up to 8 pixels run a loop of fixed length; wider ones the general loop.
-        using Filter = void (*)(const CPixel*, uint32_t*, int, int, const int*, const uint32_t*);
-        static const Filter kFilters[] = {FilterLine<0>, FilterLine<1>, FilterLine<2>,
-                                          FilterLine<3>, FilterLine<4>, FilterLine<5>,
-                                          FilterLine<6>, FilterLine<7>, FilterLine<8>};
-        kFilters[m_taps >= 1 && m_taps <= 8 ? m_taps : 0](src, sums, n, m_taps, m_firstPixel.data(),
-                                                          m_weights.data());
+    const unsigned char* line = Samples(src);
+    m_kernels->filter(m_table, line, 0, 0, m_insideColumns, sums);
+    if (m_insideColumns < n) {
+        std::copy(line + 3 * m_tailStart, line + 3 * m_srcWidth, m_tail.begin());
+        m_kernels->filter(m_table, m_tail.data(), m_tailStart, m_insideColumns, n, sums);
     }
-    if (!m_rowReciprocals.empty()) {
-        m_kernels->rowQuotients(Samples(dst), sums, m_rowReciprocals.data(), 3 * n);
-        return;
-    }
-    if (!m_rowMul.empty()) {
-        RowQuotients(Samples(dst), sums, m_rowMul.data(), m_rowLimit.data(), m_rowShift, 3 * n);
-        return;
-    }
-    for (int x = 0; x < n; ++x) {
-        const ClampedQuotient& q = m_means[x];
-        dst[x] = CPixel(q.Of(sums[3 * x]), q.Of(sums[3 * x + 1]), q.Of(sums[3 * x + 2]));
-    }
+    m_divider.Divide(*m_kernels, sums, Samples(dst), n);
 }
 
 void CResizerReduces::SetSourceLine(const CPixel* src) {
     LineProcess(src, m_lines.Rotate());
     ++m_firstLine;
     if (m_firstLine < 0) return;  // buffers not full yet
-    const int64_t firstNeeded = m_start >> 8;
-    const int64_t lastNeeded = m_end >> 8;
+    const int64_t firstNeeded = m_footprint.Start() >> 8;
+    const int64_t lastNeeded = m_footprint.End() >> 8;
     if (m_firstLine > firstNeeded) return;  // the footprint's first line is gone for good
     if (m_firstLine + m_lineCount <= lastNeeded) return;  // its last line has not arrived
     ++m_readyLines;
@@ -724,10 +646,11 @@ void CResizerReduces::SetSourceLine(const CPixel* src) {
 bool CResizerReduces::NewDestinationLine() { return m_produced < m_dstHeight && m_readyLines != 0; }
 
 CPixel* CResizerReduces::GetDestinationLinePointer() {
-    const uint32_t w0 = 256 - m_start % 256;
-    const uint32_t w1 = m_end % 256;
-    const int64_t r0 = static_cast<int64_t>(m_start >> 8) - m_firstLine;
-    const int64_t r1 = static_cast<int64_t>(m_end >> 8) - m_firstLine;
+    const uint32_t start = m_footprint.Start(), end = m_footprint.End();
+    const uint32_t w0 = 256 - start % 256;
+    const uint32_t w1 = end % 256;
+    const int64_t r0 = static_cast<int64_t>(start >> 8) - m_firstLine;
+    const int64_t r1 = static_cast<int64_t>(end >> 8) - m_firstLine;
     if (m_lineCount <= r1) log.Put("CResizerReduces::GetDestinationLinePointer", 8);
     // Row indices outside the queue, only reached when lines are not taken as soon as they are
     // ready, read its nearest end.
@@ -735,10 +658,10 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     const unsigned char* f = Samples(m_lines.Row(ClampIndex(r0, m_lineCount)));
     const unsigned char* l = Samples(m_lines.Row(ClampIndex(r1, m_lineCount)));
     unsigned char* out = Samples(m_dstLine.get());
-    const uint32_t divisor = BoxDivisor(m_end - m_start);
-    // The vector column pass takes the rows of a footprint that lies inside the buffers, as it
+    const uint32_t divisor = BoxDivisor(end - start);
+    // The kernels' column pass takes the rows of a footprint that lies inside the buffers, as it
     // does whenever lines are taken as soon as they are ready.
-    if (m_kernels != nullptr && r0 >= 0 && r1 < m_lineCount && r0 <= r1 && r1 - r0 <= 258 &&
+    if (r0 >= 0 && r1 < m_lineCount && r0 <= r1 && r1 - r0 <= 258 &&
         divisor < kReciprocalDivisors) {
         const int inner = static_cast<int>(r1 - r0) - 1 > 0 ? static_cast<int>(r1 - r0) - 1 : 0;
         for (int k = 0; k < inner; ++k) {
@@ -752,13 +675,42 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
         FinishBox(out, sums, f, l, w0, w1, ClampedQuotient(divisor), n);
     }
 
-    m_start = m_end;
-    m_rem += m_step;
-    m_end += m_rem / static_cast<uint32_t>(m_dstHeight);
-    m_rem %= static_cast<uint32_t>(m_dstHeight);
+    m_footprint.Next();
     --m_readyLines;
     ++m_produced;
     return m_dstLine.get();
+}
+
+// A line's value depends only on the source lines its footprint covers, not on when it is
+// computed, as long as they are all still in the buffers; a band that starts at or before the
+// footprint of its first line keeps them there for every later line, since its lines become
+// ready no later than the whole image's do. The buffers before sourceLine hold no lines yet.
+bool CResizerReduces::StartAt(int sourceLine, int destinationLine) {
+    m_firstLine = sourceLine - m_lineCount;
+    m_produced = destinationLine;
+    m_readyLines = 0;
+    for (int j = 0; j < destinationLine; ++j) m_footprint.Next();
+    return true;
+}
+
+// The reducer itself run on a one-pixel column, which takes its lines through exactly the
+// bookkeeping a full image does.
+ReducerRows ScheduleReduction(int srcHeight, int dstHeight) {
+    ReducerRows rows;
+    CResizerReduces column(1, srcHeight, 1, dstHeight, RESIZER_PATH_PLAIN);
+    FootprintStepper down(srcHeight, dstHeight);
+    const CPixel line[3];
+    for (int y = 0; y < srcHeight; ++y) {
+        column.SetSourceLine(line);
+        while (column.NewDestinationLine()) {
+            column.GetDestinationLinePointer();
+            rows.first.push_back(static_cast<int>(down.Start() >> 8));
+            rows.ready.push_back(y);
+            down.Next();
+        }
+    }
+    if (static_cast<int>(rows.ready.size()) < dstHeight) return ReducerRows();
+    return rows;
 }
 
 }  // namespace Varnelo

@@ -8,16 +8,6 @@
 
 namespace Varnelo {
 
-namespace {
-
-inline unsigned CeilLog2(uint64_t d) {
-    unsigned bits = 0;
-    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
-    return bits;
-}
-
-}  // namespace
-
 ClampedQuotient::ClampedQuotient(uint32_t divisor) {
     const uint64_t d = divisor == 0 ? 1 : divisor;  // callers never divide by 0
     m_shift = 31 + CeilLog2(d);
@@ -25,24 +15,26 @@ ClampedQuotient::ClampedQuotient(uint32_t divisor) {
     m_limit = static_cast<uint32_t>(std::min<uint64_t>(256 * d - 1, 0x7FFFFFFF));
 }
 
-bool ReducerFilterTable::Build(int window, const std::vector<int>& first,
+void ReducerFilterTable::Build(int window, const std::vector<int>& first,
                                const std::vector<uint32_t>& plain) {
     columns = static_cast<int>(first.size());
     taps = window;
     chunks = std::max(1, (taps + kRunPixels - 1) / kRunPixels);
     firstPixel = first;
     weights.assign(static_cast<size_t>((columns + 1) / 2) * chunks * 3 * 16, 0);
+    tapWeight.clear();
+    for (int k = 0; k < taps; ++k) {
+        tapWeight.push_back(k / kRunPixels * 48 + k % kRunPixels / 2 * 16 + k % kRunPixels % 2);
+    }
     for (int x = 0; x < columns; ++x) {
         for (int k = 0; k < taps; ++k) {
             const uint32_t w = plain[static_cast<size_t>(x) * taps + k];
-            if (w > 0x7FFF) return false;
             const int run = k / kRunPixels, pair = k % kRunPixels / 2, slot = k % kRunPixels % 2;
             int16_t* v =
                 &weights[((static_cast<size_t>(x / 2) * chunks + run) * 3 + pair) * 16 + x % 2 * 8];
             v[slot] = v[slot + 2] = v[slot + 4] = static_cast<int16_t>(w);
         }
     }
-    return true;
 }
 
 int ReducerFilterTable::ColumnsInside(int width) const {
@@ -59,6 +51,146 @@ int ReducerFilterTable::TailStart(int width) const {
     const int inside = ColumnsInside(width);
     return inside < columns ? firstPixel[inside] : width;
 }
+
+void RowDivider::Build(const std::vector<uint32_t>& divisors, int taps) {
+    m_reciprocals.clear();
+    m_mul.clear();
+    m_limit.clear();
+    m_means.clear();
+    // Windows of at most 64 weights of at most 511 keep every sum below 2^23.
+    const bool small = taps <= 64 && std::all_of(divisors.begin(), divisors.end(), [](uint32_t d) {
+                           return d < kReciprocalDivisors;
+                       });
+    if (small) {
+        m_method = RECIPROCALS;
+        for (uint32_t d : divisors) m_reciprocals.insert(m_reciprocals.end(), 3, Reciprocal(d));
+        return;
+    }
+    // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
+    // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
+    // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
+    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32.
+    unsigned bits = 0;
+    for (uint32_t d : divisors) bits = std::max(bits, CeilLog2(d));
+    const unsigned shift = 8 + 2 * bits;
+    bool shared = uint64_t(taps) * 255 * 256 < 0x80000000u && bits <= 24;
+    for (size_t x = 0; x < divisors.size() && shared; ++x) {
+        const uint64_t d = divisors[x];
+        const uint64_t m = ((uint64_t(1) << shift) + d - 1) / d;
+        shared = m <= 0xFFFFFFFFu;
+        m_mul.insert(m_mul.end(), 3, static_cast<uint32_t>(m));
+        m_limit.insert(m_limit.end(), 3, static_cast<uint32_t>(256 * d - 1));
+    }
+    if (shared) {
+        m_method = SHARED_SHIFT;
+        m_shift = shift;
+        return;
+    }
+    m_method = PER_COLUMN;
+    m_mul.clear();
+    m_limit.clear();
+    for (uint32_t d : divisors) m_means.push_back(ClampedQuotient(d));
+}
+
+namespace {
+
+void SharedShiftQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
+                          const uint32_t* __restrict mul, const uint32_t* __restrict limit,
+                          unsigned shift, int n) {
+    for (int i = 0; i < n; ++i) {
+        const uint32_t s = sums[i] < limit[i] ? sums[i] : limit[i];
+        out[i] = static_cast<unsigned char>((static_cast<uint64_t>(s) * mul[i]) >> shift);
+    }
+}
+
+}  // namespace
+
+void RowDivider::Divide(const ReducerKernels& kernels, const uint32_t* sums, unsigned char* out,
+                        int columns) const {
+    switch (m_method) {
+        case RECIPROCALS:
+            return kernels.rowQuotients(out, sums, m_reciprocals.data(), 3 * columns);
+        case SHARED_SHIFT:
+            return SharedShiftQuotients(out, sums, m_mul.data(), m_limit.data(), m_shift,
+                                        3 * columns);
+        case PER_COLUMN:
+            for (int x = 0; x < columns; ++x) {
+                const ClampedQuotient& q = m_means[x];
+                for (int c = 0; c < 3; ++c) out[3 * x + c] = q.Of(sums[3 * x + c]);
+            }
+            return;
+    }
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Plain C++: the same tables, read a tap at a time; loops the compiler may vectorise.
+
+// Columns [begin, end) a tap at a time. With the window length known at compile time (Taps > 0)
+// the loop over it unrolls completely and every weight's place in the table is a constant.
+template <int Taps>
+void FilterColumnsPlain(const ReducerFilterTable& table, const unsigned char* src, int origin,
+                        int begin, int end, uint32_t* sums) {
+    const int taps = Taps > 0 ? Taps : table.taps;
+    const int* place = table.tapWeight.data();
+    for (int x = begin; x < end; ++x) {
+        const unsigned char* p = src + 3 * (table.firstPixel[x] - origin);
+        const int16_t* w = &table.weights[static_cast<size_t>(x / 2) * table.chunks * 48 +
+                                          static_cast<size_t>(x % 2) * 8];
+        uint32_t r = 0, g = 0, b = 0;
+        for (int k = 0; k < taps; ++k) {
+            const int at = Taps > 0 ? k / 5 * 48 + k % 5 / 2 * 16 + k % 5 % 2 : place[k];
+            const uint32_t weight = static_cast<uint32_t>(w[at]);
+            r += p[3 * k] * weight;
+            g += p[3 * k + 1] * weight;
+            b += p[3 * k + 2] * weight;
+        }
+        sums[3 * x] = r;
+        sums[3 * x + 1] = g;
+        sums[3 * x + 2] = b;
+    }
+}
+
+void FilterPlain(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
+                 int end, uint32_t* sums) {
+    using Filter =
+        void (*)(const ReducerFilterTable&, const unsigned char*, int, int, int, uint32_t*);
+    static const Filter kFilters[] = {
+        FilterColumnsPlain<0>, FilterColumnsPlain<1>, FilterColumnsPlain<2>,
+        FilterColumnsPlain<3>, FilterColumnsPlain<4>, FilterColumnsPlain<5>,
+        FilterColumnsPlain<6>, FilterColumnsPlain<7>, FilterColumnsPlain<8>};
+    kFilters[table.taps <= 8 ? table.taps : 0](table, src, origin, begin, end, sums);
+}
+
+void RowQuotientsPlain(unsigned char* __restrict out, const uint32_t* __restrict sums,
+                       const float* __restrict reciprocals, int n) {
+    for (int i = 0; i < n; ++i) out[i] = QuotientByReciprocal(sums[i], reciprocals[i]);
+}
+
+// The inner rows summed in blocks of samples that stay in registers, then the ends added.
+void ColumnMeansPlain(unsigned char* out, const unsigned char* first,
+                      const unsigned char* const* inner, int innerCount, const unsigned char* last,
+                      uint32_t w0, uint32_t w1, float reciprocal, int n) {
+    constexpr int kBlock = 64;
+    uint32_t sums[kBlock];
+    for (int i = 0; i < n; i += kBlock) {
+        const int m = std::min(kBlock, n - i);
+        std::fill(sums, sums + m, 0u);
+        for (int k = 0; k < innerCount; ++k) {
+            const unsigned char* row = inner[k] + i;
+            for (int j = 0; j < m; ++j) sums[j] += row[j];
+        }
+        for (int j = 0; j < m; ++j) {
+            out[i + j] = QuotientByReciprocal(sums[j] * 256 + first[i + j] * w0 + last[i + j] * w1,
+                                              reciprocal);
+        }
+    }
+}
+
+const ReducerKernels kPlain = {FilterPlain, RowQuotientsPlain, ColumnMeansPlain};
+
+}  // namespace
 
 #if defined(__x86_64__)
 
@@ -338,7 +470,8 @@ const ReducerKernels kAvx2 = {FilterAvx2, RowQuotientsAvx2, ColumnMeansAvx2};
 
 }  // namespace
 
-const ReducerKernels* VectorKernels(ResizerPath path) {
+const ReducerKernels* ReducerKernelsFor(ResizerPath path) {
+    if (path == RESIZER_PATH_PLAIN) return &kPlain;
     if (path == RESIZER_PATH_SSE2) return &kSse2;
     if (path == RESIZER_PATH_AVX2 && __builtin_cpu_supports("avx2")) return &kAvx2;
     return nullptr;
@@ -346,7 +479,9 @@ const ReducerKernels* VectorKernels(ResizerPath path) {
 
 #else
 
-const ReducerKernels* VectorKernels(ResizerPath) { return nullptr; }
+const ReducerKernels* ReducerKernelsFor(ResizerPath path) {
+    return path == RESIZER_PATH_PLAIN ? &kPlain : nullptr;
+}
 
 #endif
 

@@ -1,9 +1,12 @@
 #pragma once
 
-// The area-averaging reducer's per-line loops in vector instructions (SSE2, and AVX2 where the
-// CPU has it), beside the plain C++ loops in resizer.cpp that they must match byte for byte.
-// Internal to the resizers: the tests reach the versions through CreateResizer's path argument,
-// and check the float quotients through VectorKernels.
+// The area-averaging reducer's per-line loops, in one set per instruction set (plain C++, SSE2,
+// and AVX2 where the CPU has it) over the same tables, all giving the same bytes, and the
+// divisions that turn its sums into pixels. The vector sets are written by hand: Highway's
+// one-source version of the column pass ran 20% slower than the AVX2 one here even on AVX-512,
+// and Debian ships Highway only as a shared library, which the static service cannot link.
+// Internal to the resizers: the tests reach the sets through CreateResizer's path argument, and
+// check the float quotients through ReducerKernelsFor.
 //
 // Threads: the functions keep no state; tables are built once per resizer and only read.
 
@@ -13,6 +16,13 @@
 #include "resizer.h"
 
 namespace Varnelo {
+
+// The smallest k with 2^k >= d, at most 32.
+inline unsigned CeilLog2(uint64_t d) {
+    unsigned bits = 0;
+    while (bits < 32 && (uint64_t(1) << bits) < d) ++bits;
+    return bits;
+}
 
 // The resamplers' "divide the 32-bit sum, truncating toward zero, then Norm and Get", done as a
 // multiplication and a shift so that no pixel needs a hardware division. A sum that is negative
@@ -53,13 +63,14 @@ struct ReducerFilterTable {
     int chunks = 1;
     std::vector<int> firstPixel;
     std::vector<int16_t> weights;  // ((x / 2 * chunks + run) * 3 + pair) * 16 + x % 2 * 8
+    std::vector<int> tapWeight;    // tap k's red weight, counted from its column's first one
 
     static constexpr int kRunPixels = 5;
     static constexpr int kLoadBytes = 16;
 
-    // Lays out `plain`, `window` weights per column over windows starting at `first` (the plain
-    // filter's table). False when some weight does not fit 16 bits; the table is then unusable.
-    bool Build(int window, const std::vector<int>& first, const std::vector<uint32_t>& plain);
+    // Lays out `plain`, `window` weights per column over windows starting at `first`.
+    // REQUIRES: every weight below 2^15.
+    void Build(int window, const std::vector<int>& first, const std::vector<uint32_t>& plain);
     // How many leading columns load only inside a line of `width` pixels.
     int ColumnsInside(int width) const;
     // The loads of columns [ColumnsInside(width), columns) read pixels from this one on, and at
@@ -76,7 +87,9 @@ struct ReducerFilterTable {
 constexpr uint32_t kReciprocalDivisors = 1u << 13;
 inline float Reciprocal(uint32_t divisor) { return 1.0f / static_cast<float>(divisor); }
 inline uint8_t QuotientByReciprocal(uint32_t sum, float reciprocal) {
-    const int q = static_cast<int>((static_cast<float>(sum) + 0.5f) * reciprocal);
+    // Through a signed value, as the vector paths convert, so that the loops over it vectorise.
+    const float x = static_cast<float>(static_cast<int32_t>(sum));
+    const int q = static_cast<int>((x + 0.5f) * reciprocal);
     return static_cast<uint8_t>(q < 255 ? q : 255);
 }
 
@@ -101,8 +114,35 @@ struct ReducerKernels {
                         int n);
 };
 
-// The loops for `path` (RESIZER_PATH_SSE2 or RESIZER_PATH_AVX2), or null when this build or
-// this CPU has no such path.
-const ReducerKernels* VectorKernels(ResizerPath path);
+// The loops for `path` (not RESIZER_PATH_BEST), or null when this build or this CPU has no such
+// path; RESIZER_PATH_PLAIN always exists.
+const ReducerKernels* ReducerKernelsFor(ResizerPath path);
+
+// How the reducer divides a line of sums by its columns' footprint lengths (floor, clamped to
+// 255), chosen once per resizer from the divisors: by float reciprocals when every divisor is
+// below kReciprocalDivisors and every sum below 2^23, which every kernel set does fastest; else
+// by one multiplier per sample and one shift for the whole line, when that is exact; else by
+// each column's ClampedQuotient.
+// Threads: built once, then only read.
+class RowDivider {
+  public:
+    enum Method { RECIPROCALS, SHARED_SHIFT, PER_COLUMN };
+
+    // One divisor per destination column, each a sum of at most `taps` weights of at most 511
+    // times a sample.
+    void Build(const std::vector<uint32_t>& divisors, int taps);
+    Method GetMethod() const { return m_method; }
+    // out[3x + c] = sums[3x + c] / divisor of column x, for `columns` columns.
+    void Divide(const ReducerKernels& kernels, const uint32_t* sums, unsigned char* out,
+                int columns) const;
+
+  private:
+    Method m_method = PER_COLUMN;
+    std::vector<float> m_reciprocals;  // RECIPROCALS: per sample
+    std::vector<uint32_t> m_mul;       // SHARED_SHIFT: per sample, with m_limit and m_shift
+    std::vector<uint32_t> m_limit;
+    unsigned m_shift = 0;
+    std::vector<ClampedQuotient> m_means;  // PER_COLUMN
+};
 
 }  // namespace Varnelo

@@ -10,6 +10,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -96,20 +97,21 @@ void PrintTo(const PixelCase& c, std::ostream* os) {
     *os << c.source.width << "x" << c.source.height << " to " << c.dstw << "x" << c.dsth;
 }
 
-// Conversions decode on the calling thread and, when they overlap, scale and encode on a second
-// one; both ways must write the same bytes and logs.
-class OverlapTest {
-  protected:
-    explicit OverlapTest(ConvertOverlap mode) { SetConvertOverlap(mode); }
-    ~OverlapTest() { SetConvertOverlap(CONVERT_OVERLAP_AUTO); }
+// Conversions run on one thread, overlapped on two, or in bands; every way must write the same
+// bytes and logs.
+class ThreadsTest {
+  public:
+    explicit ThreadsTest(ConvertThreads mode, int bands = 2) { SetConvertThreads(mode, bands); }
+    ~ThreadsTest() { SetConvertThreads(CONVERT_THREADS_AUTO); }
 };
 
-const ConvertOverlap kOverlaps[] = {CONVERT_OVERLAP_NEVER, CONVERT_OVERLAP_ALWAYS};
+const ConvertThreads kThreads[] = {CONVERT_THREADS_ONE, CONVERT_THREADS_OVERLAP,
+                                   CONVERT_THREADS_BANDS};
 
-class ConvertPixelTest : public ::testing::TestWithParam<std::tuple<PixelCase, ConvertOverlap>>,
-                         OverlapTest {
+class ConvertPixelTest : public ::testing::TestWithParam<std::tuple<PixelCase, ConvertThreads>>,
+                         ThreadsTest {
   protected:
-    ConvertPixelTest() : OverlapTest(std::get<1>(GetParam())) {}
+    ConvertPixelTest() : ThreadsTest(std::get<1>(GetParam())) {}
 };
 
 TEST_P(ConvertPixelTest, MatchesDecodeResizeEncodeByteForByte) {
@@ -143,11 +145,11 @@ const PixelCase kPixelCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Sources, ConvertPixelTest,
                          ::testing::Combine(::testing::ValuesIn(kPixelCases),
-                                            ::testing::ValuesIn(kOverlaps)));
+                                            ::testing::ValuesIn(kThreads)));
 
-class ConvertFileTest : public ::testing::TestWithParam<ConvertOverlap>, OverlapTest {
+class ConvertFileTest : public ::testing::TestWithParam<ConvertThreads>, ThreadsTest {
   protected:
-    ConvertFileTest() : OverlapTest(GetParam()) {}
+    ConvertFileTest() : ThreadsTest(GetParam()) {}
 };
 
 TEST_P(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
@@ -238,7 +240,132 @@ TEST_P(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Threads, ConvertFileTest, ::testing::ValuesIn(kOverlaps));
+INSTANTIATE_TEST_SUITE_P(Threads, ConvertFileTest, ::testing::ValuesIn(kThreads));
+
+// What a conversion leaves behind: its answer, the destination's bytes and the trace.
+struct Written {
+    Outcome outcome;
+    std::string bytes, log;
+};
+
+bool operator==(const Written& a, const Written& b) {
+    return a.outcome.result == b.outcome.result && a.outcome.width == b.outcome.width &&
+           a.outcome.height == b.outcome.height && a.outcome.hash == b.outcome.hash &&
+           a.bytes == b.bytes && a.log == b.log;
+}
+
+Written ConvertIn(ConvertThreads mode, int bands, const std::string& src, int size,
+                  const TempDir& tmp) {
+    const ThreadsTest threads(mode, bands);
+    const std::string dst = tmp.Path("dst.jpg");
+    Written w;
+    {
+        LogCapture capture(15);
+        w.outcome = Convert(src, dst, size, 85, HASH_MD5);
+        w.log = capture.Text();
+    }
+    w.bytes = ReadFileBytes(dst);
+    std::remove(dst.c_str());
+    return w;
+}
+
+// `jpeg` with `count` bytes of its entropy-coded data overwritten at `fraction` of it.
+std::string Damaged(std::string jpeg, double fraction, int count) {
+    const size_t scan = jpeg.find("\xFF\xDA");
+    const size_t at = scan + static_cast<size_t>((jpeg.size() - scan) * fraction);
+    for (int i = 0; i < count; ++i) jpeg[at + i] = static_cast<char>(0x5A ^ (i * 37));
+    return jpeg;
+}
+
+// Every source shape, split into 2, 3 and 7 bands: the banded conversion writes, answers and
+// traces exactly what the one-thread conversion does, whatever lines the splits fall on
+// (heights odd and even, inside and at the edges of the decoder's 8- and 16-line blocks,
+// reductions from 2x to 40x), on damaged photos (warnings met before, at and after a split,
+// counted once) and on the camera photos when their folder is there.
+class BandedConversionTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
+    TempDir tmp;
+    JpegShape photo;
+    photo.photographic = true;
+    photo.quality = 92;
+    auto shape = [&](int w, int h, JpegKind kind, bool photographic = true) {
+        JpegShape s = photo;
+        s.width = w;
+        s.height = h;
+        s.kind = kind;
+        s.photographic = photographic;
+        return s;
+    };
+    const std::string p420 = EncodeJpeg(shape(999, 701, JpegKind::COLOUR_420));
+    struct Case {
+        std::string name, jpeg;
+        int size;
+    };
+    std::vector<Case> cases = {
+        {"4:2:0 2.5x", p420, 400},
+        {"4:2:2 2x", EncodeJpeg(shape(640, 479, JpegKind::COLOUR_422)), 320},
+        {"4:4:4 8x", EncodeJpeg(shape(601, 803, JpegKind::COLOUR_444)), 100},
+        {"grey 40x", EncodeJpeg(shape(1200, 817, JpegKind::GREY, false)), 30},
+        {"pattern 40x", EncodeJpeg(shape(1601, 1283, JpegKind::COLOUR_420, false)), 40},
+        {"portrait 3x", EncodeJpeg(shape(333, 1001, JpegKind::COLOUR_420)), 333},
+        {"16 lines", EncodeJpeg(shape(256, 16, JpegKind::COLOUR_420)), 128},
+        {"progressive", EncodeJpeg([&] {
+             JpegShape s = shape(400, 300, JpegKind::COLOUR_420);
+             s.progressive = true;
+             return s;
+         }()),
+         100},
+        {"cut", TruncateInScan(p420), 200},
+    };
+    for (double at : {0.1, 0.45, 0.62, 0.7, 0.78, 0.9}) {
+        cases.push_back({"damaged at " + std::to_string(at), Damaged(p420, at, 24), 200});
+    }
+    std::string marker = p420;
+    marker.replace(marker.size() / 2, 4, "\xFF\xC0\x00\x11");
+    cases.push_back({"frame in the scan", marker, 200});
+    const std::string folder = VARNELO_PHOTOS_DIR;
+    for (const char* name :
+         {"corrupted.jpg", "hdr_canon_hdr_NO.jpg", "gps_DSCN0010.jpg", "exif-org_sony-d700.jpg",
+          "orientation_portrait_1.jpg", "xmp_no_exif.jpg", "invalid_image01713.jpg"}) {
+        const std::string bytes = ReadFileBytes(folder + "/" + name);
+        if (!bytes.empty()) cases.push_back({name, bytes, 300});
+    }
+    int warned = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string src = tmp.Write("src.jpg", c.jpeg);
+        const Written one = ConvertIn(CONVERT_THREADS_ONE, 2, src, c.size, tmp);
+        EXPECT_TRUE(ConvertIn(CONVERT_THREADS_BANDS, GetParam(), src, c.size, tmp) == one);
+        warned += one.outcome.result == CR_JPEG_WARNINGS;
+    }
+    EXPECT_GE(warned, 4);  // the damage does make warnings
+}
+
+INSTANTIATE_TEST_SUITE_P(Bands, BandedConversionTest, ::testing::Values(2, 3, 7));
+
+// Conversions on several threads at once share the processors (waiting for one while all are
+// held, taking idle ones for bands) and each writes what it writes alone.
+TEST(BandedConversionTest, ConversionsRunningAtOnceWriteWhatEachWritesAlone) {
+    TempDir tmp;
+    JpegShape shape;
+    shape.width = 900;
+    shape.height = 700;
+    shape.photographic = true;
+    const std::string src = tmp.Write("src.jpg", EncodeJpeg(shape));
+    const Written alone = ConvertIn(CONVERT_THREADS_ONE, 2, src, 300, tmp);
+    std::vector<std::string> outputs(6);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < outputs.size(); ++i) {
+        threads.emplace_back([&, i] {
+            const std::string dst = tmp.Path("dst" + std::to_string(i) + ".jpg");
+            Outcome r = Convert(src, dst, 300, 85, HASH_MD5);
+            outputs[i] = r.result == CR_OK ? ReadFileBytes(dst) : "";
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    for (const std::string& out : outputs) EXPECT_TRUE(out == alone.bytes);
+}
 
 TEST(ConvertFileThumbnailTest, WritesTheFirstEmbeddedThumbnailVerbatim) {
     TempDir tmp;

@@ -180,8 +180,8 @@ TEST(ReducerQuotientTest, DividesByReciprocalsExactlyOnEveryPathAtEveryBoundary)
         reciprocals.push_back(Reciprocal(d));
         want.push_back(255);
     }
-    for (ResizerPath path : {RESIZER_PATH_SSE2, RESIZER_PATH_AVX2}) {
-        const ReducerKernels* kernels = VectorKernels(path);
+    for (ResizerPath path : {RESIZER_PATH_PLAIN, RESIZER_PATH_SSE2, RESIZER_PATH_AVX2}) {
+        const ReducerKernels* kernels = ReducerKernelsFor(path);
         if (kernels == nullptr) continue;
         std::vector<uint8_t> got(sums.size());
         kernels->rowQuotients(got.data(), sums.data(), reciprocals.data(),

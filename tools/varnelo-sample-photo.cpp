@@ -1,9 +1,10 @@
-// Writes a sample camera-like photo: a baseline 4:2:0 JPEG at quality 92 of a scene with the
-// detail of a photograph (soft light, textures, grain), with an EXIF block that carries an
-// embedded JPEG thumbnail and the pixel size, followed by a comment. The same seed and size
-// always give the same bytes, so benchmarks can rebuild their corpus anywhere.
+// Writes a sample camera-like photo: a JPEG (baseline 4:2:0 at quality 92 unless asked
+// otherwise) of a scene with the detail of a photograph (soft light, textures, grain), with an
+// EXIF block that carries an embedded JPEG thumbnail and the pixel size, followed by a comment.
+// The same options always give the same bytes, so benchmarks can rebuild their corpus anywhere.
 //
-// usage: varnelo-sample-photo [--seed N] OUT.jpg [WIDTH HEIGHT]
+// usage: varnelo-sample-photo [--seed N] [--quality Q] [--chroma 420|422|444] [--progressive]
+//                             OUT.jpg [WIDTH HEIGHT]
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,19 +17,50 @@
 namespace {
 
 int Usage(const char* program) {
-    std::fprintf(stderr, "usage: %s [--seed N] OUT.jpg [WIDTH HEIGHT]\n", program);
+    std::fprintf(stderr,
+                 "usage: %s [--seed N] [--quality Q] [--chroma 420|422|444] [--progressive] "
+                 "OUT.jpg [WIDTH HEIGHT]\n",
+                 program);
     return 2;
+}
+
+// A whole decimal number in [0, limit], or -1.
+long Number(const char* text, unsigned long limit) {
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text, &end, 10);
+    return *text == '\0' || *end != '\0' || value > limit ? -1 : static_cast<long>(value);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    using namespace Varnelo;
     const char* program = argv[0];
-    unsigned long seed = 1;
-    if (argc >= 3 && std::strcmp(argv[1], "--seed") == 0) {
-        char* end = nullptr;
-        seed = std::strtoul(argv[2], &end, 10);
-        if (*argv[2] == '\0' || *end != '\0' || seed > 0xFFFFFFFFul) return Usage(program);
+    long seed = 1, quality = 92;
+    JpegKind kind = JpegKind::COLOUR_420;
+    bool progressive = false;
+    while (argc >= 2 && std::strncmp(argv[1], "--", 2) == 0) {
+        const std::string option = argv[1];
+        if (option == "--progressive") {
+            progressive = true;
+            argc -= 1;
+            argv += 1;
+            continue;
+        }
+        if (argc < 3) return Usage(program);
+        const std::string value = argv[2];
+        if (option == "--seed") {
+            seed = Number(argv[2], 0xFFFFFFFFul);
+        } else if (option == "--quality") {
+            quality = Number(argv[2], 100);
+        } else if (option == "--chroma" && (value == "420" || value == "422" || value == "444")) {
+            kind = value == "420"   ? JpegKind::COLOUR_420
+                   : value == "422" ? JpegKind::COLOUR_422
+                                    : JpegKind::COLOUR_444;
+        } else {
+            return Usage(program);
+        }
+        if (seed < 0 || quality < 0) return Usage(program);
         argc -= 2;
         argv += 2;
     }
@@ -44,7 +76,6 @@ int main(int argc, char** argv) {
         }
     }
 
-    using namespace Varnelo;
     JpegShape thumbShape;
     thumbShape.width = 160;
     thumbShape.height = 160 * height / width > 0 ? 160 * height / width : 1;
@@ -58,7 +89,9 @@ int main(int argc, char** argv) {
     JpegShape shape;
     shape.width = width;
     shape.height = height;
-    shape.quality = 92;
+    shape.quality = static_cast<int>(quality);
+    shape.kind = kind;
+    shape.progressive = progressive;
     shape.photographic = true;
     shape.seed = static_cast<uint32_t>(seed);
     const std::string photo =

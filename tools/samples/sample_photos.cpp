@@ -74,6 +74,7 @@ std::string EncodeJpeg(const JpegShape& shape, const std::vector<Segment>& segme
     if (shape.kind == JpegKind::COLOUR_444) {
         cinfo.comp_info[0].h_samp_factor = cinfo.comp_info[0].v_samp_factor = 1;
     }
+    if (shape.kind == JpegKind::COLOUR_422) cinfo.comp_info[0].v_samp_factor = 1;
     if (shape.progressive) jpeg_simple_progression(&cinfo);
     jpeg_start_compress(&cinfo, TRUE);
     for (const Segment& s : segments) {

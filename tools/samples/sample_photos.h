@@ -11,9 +11,9 @@
 
 namespace Varnelo {
 
-// YCbCr with chroma halved both ways or at full resolution, greyscale, or CMYK (which the
-// library marks with an Adobe APP14 instead of a JFIF APP0).
-enum class JpegKind { COLOUR_420, COLOUR_444, GREY, CMYK };
+// YCbCr with chroma halved both ways, halved across only or at full resolution, greyscale, or
+// CMYK (which the library marks with an Adobe APP14 instead of a JFIF APP0).
+enum class JpegKind { COLOUR_420, COLOUR_444, GREY, CMYK, COLOUR_422 };
 
 struct JpegShape {
     int width = 64, height = 48;
