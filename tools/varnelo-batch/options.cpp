@@ -179,15 +179,13 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
             case HASH: {
                 std::string name = optarg;
                 ToLower(name);
-                if (name == "crc32") {
-                    options.hash = HashChoice::CRC32;
-                } else if (name == "md5") {
-                    options.hash = HashChoice::MD5;
-                } else if (name == "none") {
-                    options.hash = HashChoice::NONE;
-                } else {
-                    return bad("--hash wants crc32, md5 or none");
+                bool known = false;
+                for (HashChoice choice : {HashChoice::CRC32, HashChoice::MD5, HashChoice::NONE}) {
+                    if (name != HashName(choice)) continue;
+                    options.hash = choice;
+                    known = true;
                 }
+                if (!known) return bad("--hash wants crc32, md5 or none");
                 break;
             }
             case THUMBNAILS:
