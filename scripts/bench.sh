@@ -333,8 +333,9 @@ results="$root/bench/RESULTS.md"
             "$(mib "$(peak "varnelo-$sh")")"
     done
     echo
-    echo "A lone baseline photo is decoded in bands, one per idle processor; a progressive one"
-    echo "decodes on one thread while a second scales and encodes."
+    echo "A lone baseline photo is decoded in two stages: one thread entropy-decodes it while a"
+    echo "second reconstructs, scales and encodes its lines; a progressive one decodes on one"
+    echo "thread while a second scales and encodes."
     echo
     echo "## Thumbnails"
     echo

@@ -33,7 +33,7 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVARNELO_TSAN=ON -DVARNELO_WE
 cmake --build build-tsan -j "$jobs" --target varnelo_tests
 export TSAN_OPTIONS=halt_on_error=1:exitcode=88:second_deadlock_stack=1
 (cd build-tsan && ctest --output-on-failure -j "$jobs" -LE long \
-    -R 'ServerTest|MainTest|XmlRpcTest|ImageMethodTest|TaskQueueTest|TaskTest|Thread|SemaphoreTest|BatchTest|Banded')
+    -R 'ServerTest|MainTest|XmlRpcTest|ImageMethodTest|TaskQueueTest|TaskTest|Thread|SemaphoreTest|BatchTest|Staged')
 
 echo "== Debian package"
 scripts/test-package.sh

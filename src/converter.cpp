@@ -20,10 +20,13 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // jpeglib.h needs size_t and FILE declared before it.
 #include <jpeglib.h>
+// The library's fault and warning codes, and its macros that raise them.
+#include <jerror.h>
 
 #include "crc32.h"
 #include "exif.h"
@@ -61,7 +64,6 @@ const int kThumbnailNotWritten = -1;
 const size_t kRelayBytes = 512 << 10;
 
 std::atomic<int> g_mode{CONVERT_THREADS_AUTO};
-std::atomic<int> g_bands{2};
 
 // The processors this process may run on (its affinity mask, which a container or taskset may
 // narrow), or the processors online when that cannot be read.
@@ -184,7 +186,7 @@ void LogHookLine(bool hasOutputMessage) {
 struct JpegErrorManager {
     jpeg_error_mgr pub;  // what the library object's `err` points at
     std::jmp_buf* jump = nullptr;
-    // Faults are not logged by the hook: a banded conversion logs its one fault itself.
+    // Faults are not logged by the hook: a staged conversion logs its one fault itself.
     bool quiet = false;
 };
 
@@ -270,6 +272,57 @@ class JpegSide {
     File m_file;
 };
 
+// The entropy decoder reads the source through a buffer this large: the library's Huffman
+// decoder takes its fast path only while a few kilobytes of data are buffered, and through
+// jpeg_stdio_src's 4 KiB it falls back to the slow one for most of each refill.
+const size_t kSourceBufferBytes = 64 << 10;
+
+// A source manager that reads like jpeg_stdio_src, through a larger buffer: an empty file is a
+// fault, and a file that ends early gets the warning and the end-of-image marker the library's
+// own source gives. Its functions fault or warn only through the library's macros, with no
+// object alive that needs destroying.
+struct BufferedFileSource : jpeg_source_mgr {
+    FILE* file = nullptr;
+    std::unique_ptr<JOCTET[]> buffer{new JOCTET[kSourceBufferBytes]};
+    bool startOfFile = true;
+
+    explicit BufferedFileSource(FILE* source) : jpeg_source_mgr(), file(source) {
+        init_source = [](j_decompress_ptr cinfo) { From(cinfo).startOfFile = true; };
+        fill_input_buffer = Fill;
+        skip_input_data = [](j_decompress_ptr cinfo, long count) {
+            if (count <= 0) return;
+            jpeg_source_mgr& src = *cinfo->src;
+            while (count > static_cast<long>(src.bytes_in_buffer)) {
+                count -= static_cast<long>(src.bytes_in_buffer);
+                Fill(cinfo);
+            }
+            src.next_input_byte += count;
+            src.bytes_in_buffer -= static_cast<size_t>(count);
+        };
+        resync_to_restart = jpeg_resync_to_restart;
+        term_source = [](j_decompress_ptr) {};
+    }
+
+    static BufferedFileSource& From(j_decompress_ptr cinfo) {
+        return *static_cast<BufferedFileSource*>(cinfo->src);
+    }
+    static boolean Fill(j_decompress_ptr cinfo) {
+        BufferedFileSource& self = From(cinfo);
+        size_t count = std::fread(self.buffer.get(), 1, kSourceBufferBytes, self.file);
+        if (count == 0) {
+            if (self.startOfFile) ERREXIT(cinfo, JERR_INPUT_EMPTY);
+            WARNMS(cinfo, JWRN_JPEG_EOF);
+            self.buffer[0] = 0xFF;
+            self.buffer[1] = JPEG_EOI;
+            count = 2;
+        }
+        self.next_input_byte = self.buffer.get();
+        self.bytes_in_buffer = count;
+        self.startOfFile = false;
+        return TRUE;
+    }
+};
+
 // The decoding side: the source file and the decompressor. Every member that calls into the
 // library returns false when the library faulted.
 class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompress> {
@@ -279,12 +332,19 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
     // False when the file cannot be opened for reading.
     bool Open(const std::string& path) { return OpenFile(path, "rb"); }
     // Creates the decompressor on the open file, keeping in memory the segments `copy` names.
-    bool Create(JCOPY_OPTION copy) {
+    // The file is read as jpeg_stdio_src reads it, or through a buffer of `bufferBytes` when
+    // those are given.
+    bool Create(JCOPY_OPTION copy, size_t bufferBytes = 0) {
         m_created = true;
+        if (bufferBytes > 0) m_source = std::make_unique<BufferedFileSource>(m_file.get());
         return Guard([&] {
             jpeg_create_decompress(&m_object);
             m_object.mem->max_memory_to_use = MemoryCap(m_file.get());
-            jpeg_stdio_src(&m_object, m_file.get());
+            if (m_source != nullptr) {
+                m_object.src = m_source.get();
+            } else {
+                jpeg_stdio_src(&m_object, m_file.get());
+            }
             jcopy_markers_setup(&m_object, copy);
         });
     }
@@ -303,19 +363,12 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
         JSAMPROW rows[1] = {reinterpret_cast<JSAMPROW>(row)};
         return Guard([&] { jpeg_read_scanlines(&m_object, rows, 1); });
     }
-    // Passes over the next `lines` lines, decoding only what later lines depend on.
-    bool Skip(int lines) {
-        JDIMENSION skipped = 0;
-        const bool returned = Guard(
-            [&] { skipped = jpeg_skip_scanlines(&m_object, static_cast<JDIMENSION>(lines)); });
-        return returned && skipped == static_cast<JDIMENSION>(lines);
-    }
-    long FileBytes() { return FileSize(m_file.get()); }
-    // Progressive and other multi-scan files; valid once started.
+    // Progressive and other multi-scan files; valid once the header is read.
     bool MultiScan() { return jpeg_has_multiple_scans(&m_object) != FALSE; }
-    // The library prints the first warning of each decoder on the standard error stream; a
-    // band's decoder prints nothing, or (the one that counts) carries on the count of the
-    // decoder that read the header, as if it had met that decoder's warnings itself.
+    // The library prints the first warning of each decoder on the standard error stream. Of the
+    // two decoders of a staged conversion, the conversion's own prints nothing once it reads
+    // the ring, and the entropy decoder, whose warnings count, carries on the count of the
+    // header the other read, as if it had met those warnings itself.
     void SilenceMessages() {
         m_err.pub.output_message = [](j_common_ptr) {};
     }
@@ -323,12 +376,28 @@ class JpegReader : public JpegSide<jpeg_decompress_struct, jpeg_destroy_decompre
         m_err.pub.output_message = m_printMessage;
         m_err.pub.num_warnings = warnings;
     }
+    // Entropy-decodes the whole image into its block arrays.
+    bool ReadCoefficients() {
+        return Guard([&] { jpeg_read_coefficients(&m_object); });
+    }
+    // In buffered-image mode: takes in the input to its end, then starts the output of the
+    // last scan.
+    bool AbsorbScans() {
+        return Guard([&] {
+            while (jpeg_consume_input(&m_object) != JPEG_REACHED_EOI) {
+            }
+        });
+    }
+    bool StartOutput() {
+        return Guard([&] { jpeg_start_output(&m_object, m_object.input_scan_number); });
+    }
     bool Finish() {
         return Guard([&] { jpeg_finish_decompress(&m_object); });
     }
 
   private:
     void (*m_printMessage)(j_common_ptr);
+    std::unique_ptr<BufferedFileSource> m_source;  // when not read through jpeg_stdio_src
 };
 
 // The encoding side: the destination file and the compressor, with the same conventions.
@@ -537,302 +606,307 @@ bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, i
 }
 
 // ---------------------------------------------------------------------------------------------
-// Bands
+// Two stages
 //
-// The decoder's work is a serial entropy decoding and, per line, the inverse DCT, upsampling
-// and colour conversion. A second decoder can pass over the lines before its band, entropy
-// decoding them only (jpeg_skip_scanlines), and reconstruct its band's lines while the first
-// decoder reconstructs the lines above: each band's thread decodes and scales its own lines, and
-// the conversion's own thread, which decodes and scales the first band, encodes them all in
-// order. Passing over the earlier lines makes every decoder meet the same warnings and faults
-// a whole decoding meets before its band; the last one meets all of them, so it alone counts
-// and prints warnings, carrying on from the header read by the first. Band threads log nothing:
-// a fault is logged once by the conversion.
+// The decoder's work is a serial entropy decoding and, per line, the inverse DCT, upsampling and
+// colour conversion. A staged conversion runs the two on two threads: a second decoder on the
+// source entropy-decodes it (jpeg_read_coefficients) into a ring of coefficient rows a few iMCU
+// rows deep, while the conversion's own decoder, in buffered-image mode, reconstructs its lines
+// from that ring, and the conversion scales and encodes them as it always does. The ring stands
+// in for the whole-image block arrays of both decoders' memory managers, so neither keeps more
+// than a few rows of coefficients. The conversion's decoder reads no entropy-coded data itself:
+// its source ends where the scan begins. The entropy decoder meets every warning and fault of
+// the data, so its warnings are the ones counted (carrying on from those of the header the
+// conversion's decoder read) and it is the one finished. Both fault quietly while they run, and
+// the conversion logs a fault once, where a one-thread conversion would log it.
 
-// Passing over a line costs its entropy decoding, which grows with the compressed bytes, while
-// decoding and scaling it adds the inverse DCT, upsampling, colour conversion and scaling, which
-// grow with the pixels: a byte weighs about as much as 6.3 pixels, so passing over a line of a
-// detailed photo of 3 bits a pixel costs about 0.7 of decoding it, of a plainer one less.
-// A line of the first band costs this much more than one of the others, since the first band's
-// thread also encodes it. So the first band is shorter by the encoding, and each later one by
-// what its decoder passes over.
-const double kPixelsPerByte = 6.3;
-const double kEncodeShare = 0.03;
-// A band decodes at least this many lines, so that its decoder's set-up stays small beside them
-// (unless bands are asked for, as the tests do on small images).
-const int kMinBandLines = 64;
-// The lines of the bands after the first wait in memory until the encoder takes them.
-const size_t kBandBufferBytes = 24 << 20;
+// Coefficient rows deep enough that the entropy decoder never waits for the reconstruction,
+// which takes less than half its time.
+const int kRingRows = 4;
 
-// Destination lines [firstRow, endRow), scaled from source lines firstSource on.
-struct Band {
-    int firstRow;
-    int endRow;
-    int firstSource;
-};
-
-// The cost of passing over a line of the source relative to decoding and scaling it.
-double SkipCost(long bytes, int srcw, int srch) {
-    const double entropy = kPixelsPerByte * static_cast<double>(bytes);
-    const double rest = srcw * static_cast<double>(srch);
-    return std::min(0.9, std::max(0.2, entropy / (entropy + rest)));
-}
-
-// Up to `count` bands balanced for the cost s of passing over lines: band 0 ends at source
-// fraction x1 = T / (1 + e), band k at x(k+1) = x(k) * (1 - s) + T, where T, the time of each
-// band, is found so that the last ends at 1. Bands that would be too short are dropped.
-std::vector<Band> PlanBands(const ReducerRows& rows, int srch, double skipCost, int count,
-                            int minLines) {
-    std::vector<Band> bands;
-    if (rows.first.empty() || count < 2) return bands;
-    const auto split = [&](double time, std::vector<double>* at) {
-        double x = time / (1 + kEncodeShare);
-        for (int k = 1; k < count; ++k) {
-            if (at != nullptr) at->push_back(x);
-            x = x * (1 - skipCost) + time;
-        }
-        return x;
-    };
-    double lo = 0, hi = 1 + kEncodeShare;  // one band would take 1 + e
-    for (int i = 0; i < 50; ++i) {
-        const double mid = (lo + hi) / 2;
-        (split(mid, nullptr) < 1 ? lo : hi) = mid;
-    }
-    std::vector<double> at;
-    split(hi, &at);
-    const int dsth = static_cast<int>(rows.first.size());
-    bands.push_back({0, dsth, 0});
-    for (double x : at) {
-        const int line = static_cast<int>(x * srch);
-        const int row = static_cast<int>(
-            std::lower_bound(rows.first.begin(), rows.first.end(), line) - rows.first.begin());
-        if (row >= dsth || rows.first[row] - bands.back().firstSource < minLines) continue;
-        bands.back().endRow = row;
-        bands.push_back({row, dsth, rows.first[row]});
-    }
-    if (srch - bands.back().firstSource < minLines && bands.size() > 1) {
-        bands.pop_back();
-        bands.back().endRow = dsth;
-    }
-    if (bands.size() < 2) bands.clear();
-    return bands;
-}
-
-// Decodes and scales one band: passes over the lines before it, then hands out its destination
-// lines through emit(const CPixel*), which returns false to stop. The last band reads the image
-// to its end, as the decoder must before it is finished. False when stopped or faulted.
-template <typename Emit>
-bool ScaleBand(JpegReader& reader, CResizer& resizer, const ReducerRows& rows, const Band& band,
-               bool last, int srcw, int srch, const CPixel* blackRow, const std::atomic<bool>& stop,
-               Emit&& emit) {
-    if (band.firstSource > 0 && !reader.Skip(band.firstSource)) return false;
-    resizer.StartAt(band.firstSource, band.firstRow);
-    const int lines = (last ? srch : rows.ready[band.endRow - 1] + 1) - band.firstSource;
-    SourceRows buffer(srcw, 1);
-    CPixel* srcRow = buffer.Row(0);
-    return PumpRows(
-        resizer, srcw, lines, band.endRow - band.firstRow, blackRow,
-        [&]() -> CPixel* {
-            if (stop.load(std::memory_order_relaxed)) return nullptr;
-            return reader.ReadLine(srcRow) ? srcRow : nullptr;
-        },
-        emit, [] {});
-}
-
-// One band after the first: its decoder, its resizer and its scaled lines, which its thread
-// writes and the encoding thread reads as `ready` grows.
-struct BandWork {
-    enum State { RUNNING, DONE, FAILED };
-
-    Band band;
-    bool last = false;
-    JpegReader reader;  // the band thread's until it ends; then the last is finished by the owner
-    std::unique_ptr<CPixel[]> rows;
-    std::atomic<int> ready{0};
-    std::atomic<int> state{RUNNING};
-    std::exception_ptr failure;
-};
-
-// A banded conversion's bands after the first and their threads.
-// Threads: created and used by the conversion's thread; each BandWork is shared with its band's
-// thread through `ready` and `state` only, until the threads are joined.
-class BandedDecoder {
+// The coefficient rows handed from the entropy decoder (the writer) to the conversion's decoder
+// (the reader). Each decoder's memory manager asks it for its whole-image block arrays, one per
+// component, and gets the ring instead: access to iMCU row r of the writer waits until the
+// reader has left row r - kRingRows, and of the reader until the writer has moved past row r.
+// The reader zeroes the rows it leaves, since the entropy decoder writes only the coefficients
+// that are not zero. The arrays must be asked for and used exactly as the coefficient controller
+// of a single-scan image does; anything else, or the other side giving up, faults the decoder.
+// Threads: one writer and one reader, each inside its own decoder's calls.
+class CoefficientRing {
   public:
-    BandedDecoder(const std::string& src, std::vector<Band> bands, ReducerRows rows, int srcw,
-                  int srch, int dstw, int dsth, long headerWarnings, CResizer& firstResizer)
-        : m_src(src),
-          m_bands(std::move(bands)),
-          m_rows(std::move(rows)),
-          m_srcw(srcw),
-          m_srch(srch),
-          m_dstw(dstw),
-          m_dsth(dsth),
-          m_headerWarnings(headerWarnings),
-          m_resizer0(firstResizer) {}
-    BandedDecoder(const BandedDecoder&) = delete;
-    BandedDecoder& operator=(const BandedDecoder&) = delete;
+    enum Role { WRITER, READER };
 
-    // Decodes every band, writing the lines in order. The first band is decoded by `reader`,
-    // which has started; `held` are processors to hand one each to the band threads. False when
-    // a decoder or the encoder faulted (the fault is not logged yet).
-    bool Pump(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
-        reader.SetQuiet(true);
-        writer.SetQuiet(true);
-        const bool ok = PumpQuietly(reader, writer, held);
-        reader.SetQuiet(false);
-        writer.SetQuiet(false);
-        return ok;
+    // Shaped after the header `info` has read; throws std::bad_alloc.
+    explicit CoefficientRing(const jpeg_decompress_struct& info)
+        : m_imcuRows(static_cast<int>(info.total_iMCU_rows)) {
+        size_t blocks = 0;
+        for (int ci = 0; ci < info.num_components; ++ci) {
+            const jpeg_component_info& comp = info.comp_info[ci];
+            Component c;
+            c.blocksPerRow = RoundUp(comp.width_in_blocks, comp.h_samp_factor);
+            c.rows = RoundUp(comp.height_in_blocks, comp.v_samp_factor);
+            c.rowsPerImcu = static_cast<JDIMENSION>(comp.v_samp_factor);
+            blocks += static_cast<size_t>(c.blocksPerRow) * c.rowsPerImcu * (kRingRows + 1);
+            m_components.push_back(c);
+        }
+        m_blocks.reset(new JBLOCK[blocks]());
+        JBLOCKROW next = m_blocks.get();
+        for (Component& c : m_components) {
+            c.ring.resize(static_cast<size_t>(c.rowsPerImcu) * kRingRows);
+            c.scratch.resize(c.rowsPerImcu);
+            for (JBLOCKROW& row : c.ring) row = std::exchange(next, next + c.blocksPerRow);
+            for (JBLOCKROW& row : c.scratch) row = std::exchange(next, next + c.blocksPerRow);
+        }
     }
+    CoefficientRing(const CoefficientRing&) = delete;
+    CoefficientRing& operator=(const CoefficientRing&) = delete;
 
-    // The decoder that has read every line, to be finished; the one whose warnings count.
-    JpegReader& Last(JpegReader& reader) { return m_work.empty() ? reader : m_work.back()->reader; }
+    // Makes the ring the block store of `info`'s memory manager, in `role`. The reader starts
+    // out absorbing: it takes in its (empty) scan into rows that are thrown away.
+    void Attach(jpeg_decompress_struct& info, Role role) {
+        Side& side = m_sides[role];
+        side = Side{this, role, 0, role == READER};
+        info.client_data = &side;
+        jpeg_memory_mgr& mem = *info.mem;
+        mem.request_virt_barray = Request;
+        mem.realize_virt_arrays = [](j_common_ptr) {};
+        mem.access_virt_barray = Access;
+    }
+    // The reader has taken in its scan and now reads the writer's rows.
+    void StartReading() { m_sides[READER].absorbing = false; }
+    // The writer has written every row.
+    void Complete() { m_written.store(m_imcuRows, std::memory_order_release); }
+    // Whether the decoder `info`, the writer, has decoded every row: a fault it meets after
+    // them, in what follows the scan, leaves the rows good.
+    bool AllWritten(const jpeg_decompress_struct& info) const {
+        return m_sides[WRITER].ring == this && info.total_iMCU_rows > 0 &&
+               static_cast<int>(info.total_iMCU_rows) == m_imcuRows &&
+               info.input_iMCU_row >= info.total_iMCU_rows;
+    }
+    // Either side gives up: the other one faults at its next wait.
+    void Fail() { m_failed.store(true, std::memory_order_release); }
 
   private:
-    bool PumpQuietly(JpegReader& reader, JpegWriter& writer, HeldProcessors& held) {
-        for (size_t k = 1; k < m_bands.size(); ++k) {
-            m_work.push_back(std::make_unique<BandWork>());
-            BandWork& work = *m_work.back();
-            work.band = m_bands[k];
-            work.last = k + 1 == m_bands.size();
-            work.rows.reset(new CPixel[static_cast<size_t>(work.band.endRow - work.band.firstRow) *
-                                       static_cast<size_t>(m_dstw)]);
+    struct Component {
+        JDIMENSION blocksPerRow = 0, rows = 0, rowsPerImcu = 0;
+        std::vector<JBLOCKROW> ring;     // kRingRows iMCU rows of rowsPerImcu block rows
+        std::vector<JBLOCKROW> scratch;  // one iMCU row, for the reader's own scan
+    };
+    struct Side {
+        CoefficientRing* ring;
+        Role role;
+        size_t requested;  // arrays asked for so far, one per component in order
+        bool absorbing;
+    };
+
+    static JDIMENSION RoundUp(JDIMENSION value, int multiple) {
+        const JDIMENSION m = static_cast<JDIMENSION>(multiple);
+        return (value + m - 1) / m * m;
+    }
+    static Side& SideOf(j_common_ptr cinfo) { return *static_cast<Side*>(cinfo->client_data); }
+    [[noreturn]] static void Fault(j_common_ptr cinfo) {
+        ERREXIT(cinfo, JERR_BAD_VIRTUAL_ACCESS);
+        std::abort();  // error_exit does not return
+    }
+
+    static jvirt_barray_ptr Request(j_common_ptr cinfo, int, boolean, JDIMENSION blocksPerRow,
+                                    JDIMENSION rows, JDIMENSION rowsPerAccess) {
+        Side& side = SideOf(cinfo);
+        std::vector<Component>& components = side.ring->m_components;
+        if (side.requested >= components.size()) Fault(cinfo);
+        Component& c = components[side.requested++];
+        if (blocksPerRow != c.blocksPerRow || rows != c.rows || rowsPerAccess != c.rowsPerImcu) {
+            Fault(cinfo);
         }
-        for (auto& work : m_work) {
-            const int own = held.Split(1);
-            if (!m_threads.Start([this, &work, own] { Run(*work, own); })) {
-                Processors().Give(own);
-                m_stop = true;
-                m_threads.Join();
-                m_work.clear();
-                return Serial(reader, writer);
+        return reinterpret_cast<jvirt_barray_ptr>(&c);
+    }
+
+    static JBLOCKARRAY Access(j_common_ptr cinfo, jvirt_barray_ptr array, JDIMENSION startRow,
+                              JDIMENSION rows, boolean writable) {
+        Side& side = SideOf(cinfo);
+        CoefficientRing& ring = *side.ring;
+        Component& c = *reinterpret_cast<Component*>(array);
+        const bool writer = side.role == WRITER;
+        if (rows != c.rowsPerImcu || startRow % rows != 0 || startRow >= c.rows ||
+            (writable != FALSE) != (writer || side.absorbing)) {
+            Fault(cinfo);
+        }
+        if (side.absorbing) return c.scratch.data();
+        const int row = static_cast<int>(startRow / rows);
+        if (writer ? !ring.WriterAt(row) : !ring.ReaderAt(row)) Fault(cinfo);
+        return &c.ring[static_cast<size_t>(row % kRingRows) * rows];
+    }
+
+    // The writer is at `row`, so every row before it is written; waits until the row is free.
+    bool WriterAt(int row) {
+        if (row > m_written.load(std::memory_order_relaxed)) {
+            m_written.store(row, std::memory_order_release);
+        }
+        while (row - m_released.load(std::memory_order_acquire) >= kRingRows) {
+            if (!Wait()) return false;
+        }
+        return !m_failed.load(std::memory_order_acquire);
+    }
+    // The reader is at `row`, so it is done with every row before it: those are zeroed for the
+    // writer's next use of them. Waits until `row` is written.
+    bool ReaderAt(int row) {
+        int released = m_released.load(std::memory_order_relaxed);
+        if (row > released) {
+            for (; released < row; ++released) {
+                for (Component& c : m_components) {
+                    for (JDIMENSION k = 0; k < c.rowsPerImcu; ++k) {
+                        JBLOCKROW blocks =
+                            c.ring[static_cast<size_t>(released % kRingRows) * c.rowsPerImcu + k];
+                        std::fill_n(&blocks[0][0], static_cast<size_t>(c.blocksPerRow) * DCTSIZE2,
+                                    JCOEF(0));
+                    }
+                }
             }
+            m_released.store(row, std::memory_order_release);
         }
-        reader.SilenceMessages();
-        const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
-        bool ok =
-            ScaleBand(reader, m_resizer0, m_rows, m_bands[0], false, m_srcw, m_srch, black.data(),
-                      m_stop, [&writer](const CPixel* row) { return writer.WriteLine(row); });
-        for (size_t k = 0; ok && k < m_work.size(); ++k) ok = Encode(*m_work[k], writer);
-        if (!ok) m_stop = true;
-        m_threads.Join();
-        for (auto& work : m_work) {
-            work->reader.SetQuiet(false);
-            if (work->failure) std::rethrow_exception(work->failure);
-            ok = ok && work->state.load() == BandWork::DONE;
+        // A row once written stays good even if the writer faults after it.
+        while (m_written.load(std::memory_order_acquire) <= row) {
+            if (!Wait()) return false;
         }
-        return ok;
+        return true;
+    }
+    // The waiting side sleeps for about the time a line takes to decode rather than be woken,
+    // which on virtual machines costs as much; false once the other side has given up.
+    bool Wait() {
+        if (m_failed.load(std::memory_order_acquire)) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+        return true;
     }
 
-    // The conversion's own decoder reads everything when no band thread can be had.
-    bool Serial(JpegReader& reader, JpegWriter& writer) {
-        const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
-        return PumpSerial(reader, writer, m_resizer0, m_srcw, m_srch, m_dsth, black.data());
-    }
+    const int m_imcuRows;
+    std::vector<Component> m_components;
+    std::unique_ptr<JBLOCK[]> m_blocks;
+    Side m_sides[2] = {};
+    std::atomic<int> m_written{0};   // iMCU rows the writer has finished
+    std::atomic<int> m_released{0};  // iMCU rows the reader has finished, zeroed again
+    std::atomic<bool> m_failed{false};
+};
 
-    // A band thread: opens its own decoder on the source and decodes and scales its band.
-    void Run(BandWork& work, int processors) {
-        const HeldProcessors held(processors);
-        bool ok = false;
+// The second stage of a staged conversion: the entropy decoder and its thread. Made before the
+// conversion's decoder starts, which it turns to reading the ring.
+// Threads: created and used by the conversion's thread; the entropy decoder belongs to its own
+// thread until Finish joins it.
+class StagedDecoder {
+  public:
+    // Null when the ring or the thread cannot be had; `reader` has read the header and is
+    // untouched then. Otherwise `reader` is to be started next, in buffered-image mode.
+    static std::unique_ptr<StagedDecoder> Make(const std::string& src, JpegReader& reader,
+                                               HeldProcessors& held) {
+        std::unique_ptr<StagedDecoder> staged;
         try {
-            std::unique_ptr<CResizer> resizer =
-                CreateResizer(RESIZER_REDUCES, m_srcw, m_srch, m_dstw, m_dsth);
-            CPixel* out = work.rows.get();
-            const std::vector<CPixel> black(static_cast<size_t>(m_dstw));
-            ok = OpenBand(work) &&
-                 ScaleBand(work.reader, *resizer, m_rows, work.band, work.last, m_srcw, m_srch,
-                           black.data(), m_stop, [&](const CPixel* row) {
-                               std::copy(row, row + m_dstw, out);
-                               out += m_dstw;
-                               work.ready.fetch_add(1, std::memory_order_release);
-                               return true;
-                           });
-        } catch (...) {
-            work.failure = std::current_exception();  // allocation failure, rethrown by Pump
+            staged.reset(new StagedDecoder(reader));
+        } catch (const std::bad_alloc&) {
+            return nullptr;
         }
-        if (!ok) m_stop = true;
-        work.state.store(ok ? BandWork::DONE : BandWork::FAILED, std::memory_order_release);
+        const int own = held.Split(1);
+        StagedDecoder* self = staged.get();
+        if (!staged->m_thread.Start([self, src, own] { self->Run(src, own); })) {
+            Processors().Give(own);
+            return nullptr;
+        }
+        reader.Info().buffered_image = TRUE;
+        staged->m_ring.Attach(reader.Info(), CoefficientRing::READER);
+        return staged;
     }
+    ~StagedDecoder() {
+        m_ring.Fail();
+        m_thread.Join();
+    }
+    StagedDecoder(const StagedDecoder&) = delete;
+    StagedDecoder& operator=(const StagedDecoder&) = delete;
 
-    bool OpenBand(BandWork& work) {
-        JpegReader& reader = work.reader;
+    // Turns the conversion's decoder, started, to reading the ring: it takes in its own scan,
+    // which ends at once, and starts its output from the ring's rows. False when it faulted.
+    bool StartReading(JpegReader& reader) {
+        reader.SilenceMessages();
+        m_readerWarnings = reader.Warnings() - m_headerWarnings;
+        jpeg_source_mgr& src = *reader.Info().src;
+        src.next_input_byte = kEndOfImage;
+        src.bytes_in_buffer = sizeof kEndOfImage;
+        src.fill_input_buffer = [](j_decompress_ptr cinfo) {
+            cinfo->src->next_input_byte = kEndOfImage;
+            cinfo->src->bytes_in_buffer = sizeof kEndOfImage;
+            return boolean(TRUE);
+        };
+        if (!reader.AbsorbScans()) return false;
+        m_ring.StartReading();
+        return reader.StartOutput();
+    }
+    // Gives up: the entropy decoder stops at its next row.
+    void Stop() { m_ring.Fail(); }
+    // Waits for the entropy decoder and finishes it; false when it faulted, now or before.
+    bool Finish() {
+        m_thread.Join();
+        if (!m_decoded) return false;
+        m_entropy.SetQuiet(false);
+        return m_entropy.Finish();
+    }
+    // The warnings of the whole decoding.
+    long Warnings() const { return m_entropy.Warnings() + m_readerWarnings; }
+
+  private:
+    explicit StagedDecoder(JpegReader& reader)
+        : m_ring(reader.Info()),
+          m_headerWarnings(reader.Warnings()),
+          m_width(reader.Info().image_width),
+          m_height(reader.Info().image_height) {}
+
+    // The entropy decoder's thread: opens its own decoder on the source and decodes it whole
+    // into the ring, then leaves the decoder for Finish.
+    void Run(const std::string& src, int processors) {
+        const HeldProcessors held(processors);
+        JpegReader& reader = m_entropy;
         reader.SetQuiet(true);
         reader.SilenceMessages();
         int header = 0;
-        bool started = false;
-        if (!reader.Open(m_src) || !reader.Create(JCOPYOPT_NONE) || !reader.ReadHeader(header) ||
-            header != JPEG_HEADER_OK) {
-            return false;
+        m_decoded = reader.Open(src) && reader.Create(JCOPYOPT_NONE, kSourceBufferBytes) &&
+                    reader.ReadHeader(header) && header == JPEG_HEADER_OK &&
+                    reader.Info().image_width == m_width && reader.Info().image_height == m_height;
+        if (m_decoded) {
+            m_ring.Attach(reader.Info(), CoefficientRing::WRITER);
+            reader.CarryOn(m_headerWarnings);
+            m_decoded = reader.ReadCoefficients();
         }
-        reader.DecodeToRgb();
-        if (!reader.Start(started) || !started || reader.MultiScan() ||
-            static_cast<int>(reader.Info().output_width) != m_srcw ||
-            static_cast<int>(reader.Info().output_height) != m_srch) {
-            return false;
-        }
-        if (work.last) reader.CarryOn(m_headerWarnings);
-        return true;
+        // A fault after the last row is met again, as in a one-thread conversion, when the
+        // decoder is finished; the rows are all there for the reconstruction.
+        if (m_decoded || m_ring.AllWritten(reader.Info())) m_ring.Complete();
+        if (!m_decoded) m_ring.Fail();
     }
 
-    // Writes a band's lines as its thread makes them; false when the band or the encoder failed.
-    bool Encode(BandWork& work, JpegWriter& writer) {
-        const int count = work.band.endRow - work.band.firstRow;
-        const CPixel* row = work.rows.get();
-        for (int i = 0; i < count; ++i, row += m_dstw) {
-            while (work.ready.load(std::memory_order_acquire) <= i) {
-                // The state is read before the count, so an end seen here covers every line.
-                if (work.state.load(std::memory_order_acquire) != BandWork::RUNNING &&
-                    work.ready.load(std::memory_order_acquire) <= i) {
-                    return false;
-                }
-                std::this_thread::sleep_for(std::chrono::microseconds(200));
-            }
-            if (!writer.WriteLine(row)) return false;
-        }
-        return true;
-    }
+    static constexpr JOCTET kEndOfImage[2] = {0xFF, JPEG_EOI};
 
-    const std::string m_src;
-    const std::vector<Band> m_bands;
-    const ReducerRows m_rows;
-    const int m_srcw, m_srch, m_dstw, m_dsth;
+    CoefficientRing m_ring;
     const long m_headerWarnings;
-    CResizer& m_resizer0;  // the first band's, the conversion's own
-    std::atomic<bool> m_stop{false};
-    std::vector<std::unique_ptr<BandWork>> m_work;
-    HelperThreads m_threads;  // last: joined before the work it uses goes
+    const JDIMENSION m_width, m_height;
+    long m_readerWarnings = 0;
+    JpegReader m_entropy;
+    bool m_decoded = false;  // the entropy decoder's, read after the join
+    HelperThreads m_thread;  // last: joined before the rest goes
 };
 
-// The bytes of scaled lines the bands after the first keep.
-size_t BufferedBytes(const std::vector<Band>& plan, int dstw) {
-    const int rows = plan.size() > 1 ? plan.back().endRow - plan[1].firstRow : 0;
-    return static_cast<size_t>(rows) * static_cast<size_t>(dstw) * sizeof(CPixel);
-}
-
-// How the conversion about to scale the lines of `reader` runs: in bands where they apply,
-// else with overlap, while processors are idle (taken into `helpers`); bandCount is the number
-// of bands to plan.
-ConvertThreads ChooseThreads(JpegReader& reader, TypeOfResizer type, int& bandCount,
-                             HeldProcessors& helpers) {
-    const bool bandable = type == RESIZER_REDUCES && !reader.MultiScan();
+// How the conversion whose decoder `reader` has read the header runs: staged where that
+// applies, else with overlap, while processors are idle (taken into `helpers`).
+ConvertThreads ChooseThreads(JpegReader& reader, HeldProcessors& helpers) {
+    const jpeg_decompress_struct& info = reader.Info();
+    const bool stageable = !reader.MultiScan() && !info.arith_code;
     switch (g_mode.load()) {
         case CONVERT_THREADS_ONE:
             return CONVERT_THREADS_ONE;
         case CONVERT_THREADS_OVERLAP:
             return CONVERT_THREADS_OVERLAP;
-        case CONVERT_THREADS_BANDS:
-            bandCount = g_bands.load();
-            return bandable ? CONVERT_THREADS_BANDS : CONVERT_THREADS_ONE;
+        case CONVERT_THREADS_STAGED:
+            return stageable ? CONVERT_THREADS_STAGED : CONVERT_THREADS_ONE;
         default:
             break;
     }
-    helpers.Add(Processors().TakeIdle(UsableProcessors() - 1));
+    helpers.Add(Processors().TakeIdle(1));
     if (helpers.Count() == 0) return CONVERT_THREADS_ONE;
-    if (bandable) {
-        bandCount = 1 + helpers.Count();
-        return CONVERT_THREADS_BANDS;
-    }
-    helpers.Keep(1);
-    return CONVERT_THREADS_OVERLAP;
+    return stageable ? CONVERT_THREADS_STAGED : CONVERT_THREADS_OVERLAP;
 }
 
 // A fault while only the source is open.
@@ -983,10 +1057,7 @@ void custom_error_exit(jpeg_common_struct* cinfo) {
     std::longjmp(*jump, 1);
 }
 
-void SetConvertThreads(ConvertThreads mode, int bands) {
-    g_mode.store(mode);
-    g_bands.store(std::max(bands, 2));
-}
+void SetConvertThreads(ConvertThreads mode) { g_mode.store(mode); }
 
 int ConvertFile(const std::string& src, const std::string& dst, int size, int quality,
                 int& srcWidth, int& srcHeight, std::string& hash, HashType hashType,
@@ -1017,6 +1088,15 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
 
     JpegWriter writer;
     reader.DecodeToRgb();
+    // A staged conversion's entropy decoder starts now, beside the rest of the set-up.
+    HeldProcessors helpers;  // the idle processors the helper threads run on
+    ConvertThreads threads = ChooseThreads(reader, helpers);
+    std::unique_ptr<StagedDecoder> staged;
+    if (threads == CONVERT_THREADS_STAGED) {
+        staged = StagedDecoder::Make(src, reader, helpers);
+        if (staged == nullptr) threads = CONVERT_THREADS_ONE;
+    }
+    helpers.Keep(threads == CONVERT_THREADS_OVERLAP ? 1 : 0);
     Trace("jpeg_start_decompress");
     bool started = false;
     if (!reader.Start(started)) return ConversionFault(reader, writer);
@@ -1057,32 +1137,19 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
 
     Trace("Resizing...");
     std::vector<CPixel> blackRow(static_cast<size_t>(out.width));
-    std::unique_ptr<BandedDecoder> bands;
     bool pumped = false;
-    HeldProcessors helpers;  // the idle processors the helper threads run on
-    int bandCount = 1;
-    ConvertThreads threads = ChooseThreads(reader, resizerType, bandCount, helpers);
-    if (threads == CONVERT_THREADS_BANDS) {
-        ReducerRows rows = ScheduleReduction(srch, out.height);
-        const bool forced = g_mode.load() == CONVERT_THREADS_BANDS;
-        std::vector<Band> plan = PlanBands(rows, srch, SkipCost(reader.FileBytes(), srcw, srch),
-                                           bandCount, forced ? 1 : kMinBandLines);
-        if (BufferedBytes(plan, out.width) > kBandBufferBytes) plan.clear();
-        if (plan.size() > 1) {
-            helpers.Keep(static_cast<int>(plan.size()) - 1);
-            bands =
-                std::make_unique<BandedDecoder>(src, std::move(plan), std::move(rows), srcw, srch,
-                                                out.width, out.height, reader.Warnings(), *resizer);
-        } else {
-            // Too small or too large for bands: an idle processor still serves for overlap.
-            threads = helpers.Count() > 0 ? CONVERT_THREADS_OVERLAP : CONVERT_THREADS_ONE;
-            helpers.Keep(1);
+    if (staged != nullptr) {
+        // Both stages fault quietly; the conversion logs the hook's line once.
+        reader.SetQuiet(true);
+        writer.SetQuiet(true);
+        pumped = staged->StartReading(reader) &&
+                 PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
+        reader.SetQuiet(false);
+        writer.SetQuiet(false);
+        if (!pumped) {
+            staged->Stop();
+            LogHookLine(true);
         }
-    }
-    if (bands != nullptr) {
-        // Every decoder faults quietly in bands; the conversion logs the hook's line once.
-        pumped = bands->Pump(reader, writer, helpers);
-        if (!pumped) LogHookLine(true);
     } else if (threads == CONVERT_THREADS_OVERLAP) {
         pumped = PumpOverlapped(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
     } else {
@@ -1098,11 +1165,20 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     if (!writer.Finish()) return ConversionFault(reader, writer);
     writer.Close();
     Trace("Close input file");
-    JpegReader& source = bands != nullptr ? bands->Last(reader) : reader;
-    if (!source.Finish()) return ConversionFault(reader, writer);
-    const long warnings = source.Warnings() + writer.Warnings();
+    if (staged != nullptr) {
+        // The entropy decoder's own fault was quiet; it is logged here, where the one
+        // decoder of a one-thread conversion would meet it on finishing.
+        if (!staged->Finish()) {
+            LogHookLine(true);
+            return ConversionFault(reader, writer);
+        }
+    } else if (!reader.Finish()) {
+        return ConversionFault(reader, writer);
+    }
+    const long warnings =
+        (staged != nullptr ? staged->Warnings() : reader.Warnings()) + writer.Warnings();
     reader.Close();
-    bands.reset();
+    staged.reset();
 
     hash = SourceHash(src, hashType);
     return Finished(warnings);

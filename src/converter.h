@@ -33,24 +33,23 @@ enum ConvertResult {
 };
 
 // How a conversion spreads over processors. ONE decodes, scales and encodes on the calling
-// thread. OVERLAP decodes there while a second thread scales and encodes. BANDS decodes a
-// single-scan photo in horizontal bands, one decoder and one thread per band, each scaling its
-// own lines, while the calling thread encodes them in order; it applies to the area-averaging
-// reducer only, and other conversions keep to one thread. AUTO holds one processor per running
-// conversion, waiting while every usable processor is held, and takes the idle ones for bands
-// (or, where bands do not apply, one for overlap). The output, the result, the warnings and the
-// trace are the same in every mode: band threads log nothing, and a fault in any band is logged
-// once, as a one-thread conversion logs it.
+// thread. OVERLAP decodes there while a second thread scales and encodes. STAGED splits the
+// decoding of a single-scan photo: a second thread entropy-decodes it while the calling thread
+// reconstructs, scales and encodes its lines. AUTO holds one processor per running conversion,
+// waiting while every usable processor is held, and takes an idle one to stage a single-scan
+// photo or to overlap another. The output, the result, the warnings and the trace are the same
+// in every mode: helper threads log nothing, and a fault in either stage is logged once, as a
+// one-thread conversion logs it.
 enum ConvertThreads {
     CONVERT_THREADS_AUTO,
     CONVERT_THREADS_ONE,
     CONVERT_THREADS_OVERLAP,
-    CONVERT_THREADS_BANDS
+    CONVERT_THREADS_STAGED
 };
 
-// Sets the mode of every conversion that starts from now on (AUTO at start-up); `bands` is the
-// number of bands BANDS asks for (at least 2), for tests and measurements.
-void SetConvertThreads(ConvertThreads mode, int bands = 2);
+// Sets the mode of every conversion that starts from now on (AUTO at start-up), for tests and
+// measurements.
+void SetConvertThreads(ConvertThreads mode);
 
 // The error_exit hook of every library object the conversions create: logs
 // "custom_error_exit (1)" at level 10 and returns to the conversion, which cleans up and reports

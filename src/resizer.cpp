@@ -137,7 +137,6 @@ class CResizerReduces : public CResizer {
     void SetSourceLine(const CPixel* src) override;
     bool NewDestinationLine() override;
     CPixel* GetDestinationLinePointer() override;
-    bool StartAt(int sourceLine, int destinationLine) override;
 
   private:
     // One destination column's footprint across, clamped into the line.
@@ -311,8 +310,6 @@ CResizer::CResizer(int srcWidth, int srcHeight, int dstWidth, int dstHeight)
 CResizer::~CResizer() = default;
 
 bool CResizer::NewDestinationLine() { return m_readyLines != 0; }
-
-bool CResizer::StartAt(int, int) { return false; }
 
 namespace {
 
@@ -679,38 +676,6 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     --m_readyLines;
     ++m_produced;
     return m_dstLine.get();
-}
-
-// A line's value depends only on the source lines its footprint covers, not on when it is
-// computed, as long as they are all still in the buffers; a band that starts at or before the
-// footprint of its first line keeps them there for every later line, since its lines become
-// ready no later than the whole image's do. The buffers before sourceLine hold no lines yet.
-bool CResizerReduces::StartAt(int sourceLine, int destinationLine) {
-    m_firstLine = sourceLine - m_lineCount;
-    m_produced = destinationLine;
-    m_readyLines = 0;
-    for (int j = 0; j < destinationLine; ++j) m_footprint.Next();
-    return true;
-}
-
-// The reducer itself run on a one-pixel column, which takes its lines through exactly the
-// bookkeeping a full image does.
-ReducerRows ScheduleReduction(int srcHeight, int dstHeight) {
-    ReducerRows rows;
-    CResizerReduces column(1, srcHeight, 1, dstHeight, RESIZER_PATH_PLAIN);
-    FootprintStepper down(srcHeight, dstHeight);
-    const CPixel line[3];
-    for (int y = 0; y < srcHeight; ++y) {
-        column.SetSourceLine(line);
-        while (column.NewDestinationLine()) {
-            column.GetDestinationLinePointer();
-            rows.first.push_back(static_cast<int>(down.Start() >> 8));
-            rows.ready.push_back(y);
-            down.Next();
-        }
-    }
-    if (static_cast<int>(rows.ready.size()) < dstHeight) return ReducerRows();
-    return rows;
 }
 
 }  // namespace Varnelo

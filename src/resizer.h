@@ -36,14 +36,6 @@ class CResizer {
     virtual bool NewDestinationLine();
     // Consumes one ready line and returns it.
     virtual CPixel* GetDestinationLinePointer() = 0;
-    // Positions a fresh resizer as if source lines [0, sourceLine) had been given and
-    // destination lines [0, destinationLine) taken, without their pixels, so that one band of
-    // the image can be scaled on its own: fed source lines from sourceLine on, it hands out
-    // destination lines from destinationLine on, each equal to the whole image's. False when
-    // this resizer cannot (then nothing changed).
-    // REQUIRES: no line given yet; the band's lines are those of ScheduleReduction, with
-    // sourceLine <= first[destinationLine].
-    virtual bool StartAt(int sourceLine, int destinationLine);
 
   protected:
     int m_srcWidth;
@@ -75,16 +67,6 @@ std::unique_ptr<CResizer> CreateResizer(int type, int srcWidth, int srcHeight, i
 // The class name of the resizer CreateResizer makes for `type` ("CResizerReduces", ...), or null
 // for a type it refuses.
 const char* ResizerName(int type);
-
-// How an area-averaging reduction of srcHeight lines to dstHeight delivers its lines when they
-// are taken as soon as they are ready: first[j] is the first source line that destination line
-// j covers, ready[j] the source line after which it is handed out. Both are empty when some
-// destination line is never handed out (the caller then pads the image with its last line).
-struct ReducerRows {
-    std::vector<int> first;
-    std::vector<int> ready;
-};
-ReducerRows ScheduleReduction(int srcHeight, int dstHeight);
 
 // The caller's side of the line protocol, shared by the conversions and the tools.
 // nextLine() returns the next source line in a row of srcWidth + 2 pixels that PumpRows may

@@ -97,16 +97,16 @@ void PrintTo(const PixelCase& c, std::ostream* os) {
     *os << c.source.width << "x" << c.source.height << " to " << c.dstw << "x" << c.dsth;
 }
 
-// Conversions run on one thread, overlapped on two, or in bands; every way must write the same
-// bytes and logs.
+// Conversions run on one thread, overlapped on two, or staged on two; every way must write the
+// same bytes and logs.
 class ThreadsTest {
   public:
-    explicit ThreadsTest(ConvertThreads mode, int bands = 2) { SetConvertThreads(mode, bands); }
+    explicit ThreadsTest(ConvertThreads mode) { SetConvertThreads(mode); }
     ~ThreadsTest() { SetConvertThreads(CONVERT_THREADS_AUTO); }
 };
 
 const ConvertThreads kThreads[] = {CONVERT_THREADS_ONE, CONVERT_THREADS_OVERLAP,
-                                   CONVERT_THREADS_BANDS};
+                                   CONVERT_THREADS_STAGED};
 
 class ConvertPixelTest : public ::testing::TestWithParam<std::tuple<PixelCase, ConvertThreads>>,
                          ThreadsTest {
@@ -254,9 +254,8 @@ bool operator==(const Written& a, const Written& b) {
            a.bytes == b.bytes && a.log == b.log;
 }
 
-Written ConvertIn(ConvertThreads mode, int bands, const std::string& src, int size,
-                  const TempDir& tmp) {
-    const ThreadsTest threads(mode, bands);
+Written ConvertIn(ConvertThreads mode, const std::string& src, int size, const TempDir& tmp) {
+    const ThreadsTest threads(mode);
     const std::string dst = tmp.Path("dst.jpg");
     Written w;
     {
@@ -277,14 +276,12 @@ std::string Damaged(std::string jpeg, double fraction, int count) {
     return jpeg;
 }
 
-// Every source shape, split into 2, 3 and 7 bands: the banded conversion writes, answers and
-// traces exactly what the one-thread conversion does, whatever lines the splits fall on
-// (heights odd and even, inside and at the edges of the decoder's 8- and 16-line blocks,
-// reductions from 2x to 40x), on damaged photos (warnings met before, at and after a split,
-// counted once) and on the camera photos when their folder is there.
-class BandedConversionTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
+// Every source shape, staged: the conversion writes, answers and traces exactly what the
+// one-thread conversion does, whatever its height, sampling and reduction (2x to 40x), with
+// restart markers, on damaged and cut photos (warnings counted once, faults logged once), on a
+// source already small enough (the entropy stage started, then stopped) and on the camera
+// photos when their folder is there.
+TEST(StagedConversionTest, WritesWhatOneThreadWrites) {
     TempDir tmp;
     JpegShape photo;
     photo.photographic = true;
@@ -298,6 +295,9 @@ TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
         return s;
     };
     const std::string p420 = EncodeJpeg(shape(999, 701, JpegKind::COLOUR_420));
+    JpegShape restarts = shape(641, 479, JpegKind::COLOUR_420);
+    restarts.restartRows = 1;
+    const std::string withRestarts = EncodeJpeg(restarts);
     struct Case {
         std::string name, jpeg;
         int size;
@@ -307,9 +307,13 @@ TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
         {"4:2:2 2x", EncodeJpeg(shape(640, 479, JpegKind::COLOUR_422)), 320},
         {"4:4:4 8x", EncodeJpeg(shape(601, 803, JpegKind::COLOUR_444)), 100},
         {"grey 40x", EncodeJpeg(shape(1200, 817, JpegKind::GREY, false)), 30},
+        {"CMYK 3x", EncodeJpeg(shape(300, 200, JpegKind::CMYK, false)), 100},
         {"pattern 40x", EncodeJpeg(shape(1601, 1283, JpegKind::COLOUR_420, false)), 40},
         {"portrait 3x", EncodeJpeg(shape(333, 1001, JpegKind::COLOUR_420)), 333},
         {"16 lines", EncodeJpeg(shape(256, 16, JpegKind::COLOUR_420)), 128},
+        {"one line", EncodeJpeg(shape(300, 1, JpegKind::COLOUR_420)), 100},
+        {"restart markers", withRestarts, 200},
+        {"restart markers damaged", Damaged(withRestarts, 0.4, 24), 200},
         {"progressive", EncodeJpeg([&] {
              JpegShape s = shape(400, 300, JpegKind::COLOUR_420);
              s.progressive = true;
@@ -317,6 +321,8 @@ TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
          }()),
          100},
         {"cut", TruncateInScan(p420), 200},
+        {"already small", p420, 2000},
+        {"trailing bytes", p420.substr(0, p420.size() - 2) + "garbage\xFF\xD9", 200},
     };
     for (double at : {0.1, 0.45, 0.62, 0.7, 0.78, 0.9}) {
         cases.push_back({"damaged at " + std::to_string(at), Damaged(p420, at, 24), 200});
@@ -331,29 +337,30 @@ TEST_P(BandedConversionTest, WritesWhatOneThreadWrites) {
         const std::string bytes = ReadFileBytes(folder + "/" + name);
         if (!bytes.empty()) cases.push_back({name, bytes, 300});
     }
-    int warned = 0;
+    int warned = 0, failed = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string src = tmp.Write("src.jpg", c.jpeg);
-        const Written one = ConvertIn(CONVERT_THREADS_ONE, 2, src, c.size, tmp);
-        EXPECT_TRUE(ConvertIn(CONVERT_THREADS_BANDS, GetParam(), src, c.size, tmp) == one);
+        const Written one = ConvertIn(CONVERT_THREADS_ONE, src, c.size, tmp);
+        const Written staged = ConvertIn(CONVERT_THREADS_STAGED, src, c.size, tmp);
+        EXPECT_TRUE(staged == one) << "one thread:\n" << one.log << "staged:\n" << staged.log;
         warned += one.outcome.result == CR_JPEG_WARNINGS;
+        failed += one.outcome.result == CR_RESAMPLING_ERROR;
     }
-    EXPECT_GE(warned, 4);  // the damage does make warnings
+    EXPECT_GE(warned, 5);  // the damage does make warnings
+    EXPECT_GE(failed, 1);  // and a fault, met after the last line
 }
 
-INSTANTIATE_TEST_SUITE_P(Bands, BandedConversionTest, ::testing::Values(2, 3, 7));
-
 // Conversions on several threads at once share the processors (waiting for one while all are
-// held, taking idle ones for bands) and each writes what it writes alone.
-TEST(BandedConversionTest, ConversionsRunningAtOnceWriteWhatEachWritesAlone) {
+// held, taking idle ones to stage) and each writes what it writes alone.
+TEST(StagedConversionTest, ConversionsRunningAtOnceWriteWhatEachWritesAlone) {
     TempDir tmp;
     JpegShape shape;
     shape.width = 900;
     shape.height = 700;
     shape.photographic = true;
     const std::string src = tmp.Write("src.jpg", EncodeJpeg(shape));
-    const Written alone = ConvertIn(CONVERT_THREADS_ONE, 2, src, 300, tmp);
+    const Written alone = ConvertIn(CONVERT_THREADS_ONE, src, 300, tmp);
     std::vector<std::string> outputs(6);
     std::vector<std::thread> threads;
     for (size_t i = 0; i < outputs.size(); ++i) {

@@ -76,6 +76,7 @@ std::string EncodeJpeg(const JpegShape& shape, const std::vector<Segment>& segme
     }
     if (shape.kind == JpegKind::COLOUR_422) cinfo.comp_info[0].v_samp_factor = 1;
     if (shape.progressive) jpeg_simple_progression(&cinfo);
+    cinfo.restart_in_rows = shape.restartRows;
     jpeg_start_compress(&cinfo, TRUE);
     for (const Segment& s : segments) {
         jpeg_write_marker(&cinfo, s.marker, reinterpret_cast<const JOCTET*>(s.data.data()),

@@ -20,6 +20,7 @@ struct JpegShape {
     JpegKind kind = JpegKind::COLOUR_420;
     bool progressive = false;
     int quality = 90;
+    int restartRows = 0;  // a restart marker every this many rows of MCUs, when not 0
     // Instead of the test pattern, a scene that compresses like a photograph: soft light,
     // textures at several scales and sensor grain, all made from `seed` with integer maths.
     bool photographic = false;
