@@ -1,9 +1,7 @@
 #include "converter.h"
 
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,7 +13,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -59,9 +56,6 @@ const long kMemoryPerSourceByte = 64;
 
 // The result that tells ConvertFileThumbnail to fall back to a full conversion.
 const int kThumbnailNotWritten = -1;
-
-// The decoded lines in flight between the decoding and the scaling thread of a conversion.
-const size_t kRelayBytes = 512 << 10;
 
 std::atomic<int> g_mode{CONVERT_THREADS_AUTO};
 
@@ -140,8 +134,6 @@ class HeldProcessors {
         m_count -= count;
         return count;
     }
-    // Gives back all but `count`.
-    void Keep(int count) { Processors().Give(Split(m_count - count)); }
 
   private:
     int m_count;
@@ -447,23 +439,6 @@ class JpegWriter : public JpegSide<jpeg_compress_struct, jpeg_destroy_compress> 
     }
 };
 
-// Maps the pages of a fresh buffer in one call, before its first lines are written into them
-// one page fault at a time; on virtual machines a fault costs as much as decoding part of a
-// line. Where the system cannot, the pages are faulted in as before.
-void Prefault(void* buffer, size_t bytes) {
-#ifdef MADV_POPULATE_WRITE
-    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const uintptr_t begin = (reinterpret_cast<uintptr_t>(buffer) + page - 1) / page * page;
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(buffer) + bytes) / page * page;
-    if (end > begin) {
-        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
-    }
-#else
-    (void)buffer;
-    (void)bytes;
-#endif
-}
-
 // Rows for the decoder to fill, of width + 2 pixels each (PumpRows pads them). The library
 // writes a row that starts on a 32-byte boundary with non-temporal stores, which go around the
 // cache, and the scaler reads every row right after it is written, from memory then: so every
@@ -481,9 +456,6 @@ class SourceRows {
     SourceRows& operator=(const SourceRows&) = delete;
 
     CPixel* Row(size_t i) { return reinterpret_cast<CPixel*>(m_first + m_stride * i); }
-    // The rows' bytes, all of them.
-    unsigned char* Bytes() { return m_first; }
-    size_t Size() const { return m_size; }
 
   private:
     static constexpr size_t kAlign = 32;
@@ -491,72 +463,6 @@ class SourceRows {
     const size_t m_size;
     std::unique_ptr<unsigned char[]> m_bytes;
     unsigned char* const m_first;
-};
-
-// Hands decoded source lines from the thread that decodes them to the thread that scales and
-// encodes them, through a ring of line buffers of width + 2 pixels (PumpRows pads them).
-// Scaling and encoding a line takes a fraction of the time its decoding does, so the scaler
-// polls: when it has caught up it sleeps for about the time a few lines take to decode. The
-// decoder thus never pays for waking it, which on virtual machines costs about as much as
-// decoding a line; it only sleeps itself in the rare case that the ring is full. Either side
-// may end the hand-over early.
-// Threads: one producer calls Free, Publish and Finish; one consumer calls Next and Stop.
-class LineRelay {
-  public:
-    explicit LineRelay(int width)
-        : m_slots(static_cast<int64_t>(std::min<size_t>(
-              64, std::max<size_t>(8, kRelayBytes / (3 * (static_cast<size_t>(width) + 2)))))),
-          m_rows(width, static_cast<size_t>(m_slots)) {
-        Prefault(m_rows.Bytes(), m_rows.Size());
-    }
-    LineRelay(const LineRelay&) = delete;
-    LineRelay& operator=(const LineRelay&) = delete;
-
-    // A buffer for the next line, once one is free; null when the consumer has stopped.
-    CPixel* Free() {
-        while (m_published - m_released.load(std::memory_order_acquire) == m_slots) {
-            if (m_state.load(std::memory_order_acquire) == STOPPED) return nullptr;
-            Pause();
-        }
-        return m_state.load(std::memory_order_acquire) == STOPPED ? nullptr : Slot(m_published);
-    }
-    // The buffer from Free holds the next line.
-    void Publish() { m_publishedShared.store(++m_published, std::memory_order_release); }
-    // No more lines will come; `complete` when every line came.
-    void Finish(bool complete) {
-        m_state.store(complete ? COMPLETE : FAILED, std::memory_order_release);
-    }
-    // Releases the line taken last and takes the next one, once it is there; null when the
-    // producer finished without it or failed.
-    CPixel* Next() {
-        m_released.store(m_taken, std::memory_order_release);
-        for (;;) {
-            // The state is read before the count, so a COMPLETE seen here covers every line.
-            const int state = m_state.load(std::memory_order_acquire);
-            if (state == FAILED) return nullptr;
-            if (m_taken < m_publishedShared.load(std::memory_order_acquire)) break;
-            if (state == COMPLETE) return nullptr;
-            Pause();
-        }
-        return Slot(m_taken++);
-    }
-    // Takes no more lines: the producer's next Free returns null.
-    void Stop() { m_state.store(STOPPED, std::memory_order_release); }
-
-  private:
-    enum State { RUNNING, COMPLETE, FAILED, STOPPED };
-
-    static void Pause() { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
-    // Rows are scanlines, written by the library as bytes (like every CPixel row).
-    CPixel* Slot(int64_t line) { return m_rows.Row(static_cast<size_t>(line % m_slots)); }
-
-    const int64_t m_slots;
-    SourceRows m_rows;        // untouched until Prefault
-    int64_t m_published = 0;  // the producer's own count of lines filled
-    int64_t m_taken = 0;      // the consumer's own count of lines taken
-    std::atomic<int64_t> m_publishedShared{0};
-    std::atomic<int64_t> m_released{0};  // lines the consumer is done with: all taken but the last
-    std::atomic<int> m_state{RUNNING};
 };
 
 // The lines of a conversion, decoded, scaled and encoded on this thread.
@@ -568,41 +474,6 @@ bool PumpSerial(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int s
         [&reader](CPixel* row) { return reader.ReadLine(row); },
         [&writer](const CPixel* row) { return writer.WriteLine(row); },
         [] { Trace("Resizer not another output line"); });
-}
-
-// The lines of a conversion, decoded on this thread while a second one scales and encodes those
-// already decoded; each library object is used by one of the two threads only. Does it all on
-// this thread when no second thread can be had.
-bool PumpOverlapped(JpegReader& reader, JpegWriter& writer, CResizer& resizer, int srcw, int srch,
-                    int dsth, const CPixel* blackRow) {
-    LineRelay relay(srcw);
-    bool written = false;
-    std::exception_ptr failure;
-    HelperThreads scaler;
-    const bool started = scaler.Start([&] {
-        try {
-            written = PumpRows(
-                resizer, srcw, srch, dsth, blackRow, [&relay] { return relay.Next(); },
-                [&writer](const CPixel* row) { return writer.WriteLine(row); },
-                [] { Trace("Resizer not another output line"); });
-        } catch (...) {
-            failure = std::current_exception();  // allocation failure, rethrown below
-        }
-        relay.Stop();
-    });
-    if (!started) return PumpSerial(reader, writer, resizer, srcw, srch, dsth, blackRow);
-    // Nothing below throws, so the scaler always sees the end of the lines before the join.
-    bool read = true;
-    for (int y = 0; y < srch && read; ++y) {
-        CPixel* row = relay.Free();
-        if (row == nullptr) break;  // the scaler stopped: the encoder faulted
-        read = reader.ReadLine(row);
-        if (read) relay.Publish();
-    }
-    relay.Finish(read);
-    scaler.Join();
-    if (failure) std::rethrow_exception(failure);
-    return read && written;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -770,8 +641,10 @@ class CoefficientRing {
         }
         return true;
     }
-    // The waiting side sleeps for about the time a line takes to decode rather than be woken,
-    // which on virtual machines costs as much; false once the other side has given up.
+    // The waiting side polls rather than be woken, which on virtual machines costs the waking
+    // side about as much as decoding a few lines; the period is short beside a row of a large
+    // photo and still keeps the stages of a small one in step. False once the other side has
+    // given up.
     bool Wait() {
         if (m_failed.load(std::memory_order_acquire)) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(50));
@@ -889,24 +762,24 @@ class StagedDecoder {
     HelperThreads m_thread;  // last: joined before the rest goes
 };
 
-// How the conversion whose decoder `reader` has read the header runs: staged where that
-// applies, else with overlap, while processors are idle (taken into `helpers`).
-ConvertThreads ChooseThreads(JpegReader& reader, HeldProcessors& helpers) {
-    const jpeg_decompress_struct& info = reader.Info();
-    const bool stageable = !reader.MultiScan() && !info.arith_code;
+// Whether the conversion whose decoder `reader` has read the header is staged: a single-scan,
+// Huffman-coded photo is, while a processor is idle (taken into `helper`). A multi-scan photo
+// spends most of its time taking in its scans before its first line, and an arithmetic-coded
+// one would have the conversion's decoder take in its empty scan about as slowly as a real one:
+// neither gains from a second thread, so both keep to one.
+bool ShouldStage(JpegReader& reader, HeldProcessors& helper) {
+    const bool stageable = !reader.MultiScan() && !reader.Info().arith_code;
     switch (g_mode.load()) {
         case CONVERT_THREADS_ONE:
-            return CONVERT_THREADS_ONE;
-        case CONVERT_THREADS_OVERLAP:
-            return CONVERT_THREADS_OVERLAP;
+            return false;
         case CONVERT_THREADS_STAGED:
-            return stageable ? CONVERT_THREADS_STAGED : CONVERT_THREADS_ONE;
+            return stageable;
         default:
             break;
     }
-    helpers.Add(Processors().TakeIdle(1));
-    if (helpers.Count() == 0) return CONVERT_THREADS_ONE;
-    return stageable ? CONVERT_THREADS_STAGED : CONVERT_THREADS_OVERLAP;
+    if (!stageable) return false;
+    helper.Add(Processors().TakeIdle(1));
+    return helper.Count() > 0;
 }
 
 // A fault while only the source is open.
@@ -1089,14 +962,11 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     JpegWriter writer;
     reader.DecodeToRgb();
     // A staged conversion's entropy decoder starts now, beside the rest of the set-up.
-    HeldProcessors helpers;  // the idle processors the helper threads run on
-    ConvertThreads threads = ChooseThreads(reader, helpers);
     std::unique_ptr<StagedDecoder> staged;
-    if (threads == CONVERT_THREADS_STAGED) {
-        staged = StagedDecoder::Make(src, reader, helpers);
-        if (staged == nullptr) threads = CONVERT_THREADS_ONE;
+    {
+        HeldProcessors helper;  // the idle processor the entropy decoder takes
+        if (ShouldStage(reader, helper)) staged = StagedDecoder::Make(src, reader, helper);
     }
-    helpers.Keep(threads == CONVERT_THREADS_OVERLAP ? 1 : 0);
     Trace("jpeg_start_decompress");
     bool started = false;
     if (!reader.Start(started)) return ConversionFault(reader, writer);
@@ -1150,12 +1020,9 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
             staged->Stop();
             LogHookLine(true);
         }
-    } else if (threads == CONVERT_THREADS_OVERLAP) {
-        pumped = PumpOverlapped(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
     } else {
         pumped = PumpSerial(reader, writer, *resizer, srcw, srch, out.height, blackRow.data());
     }
-    helpers.Keep(0);
     if (!pumped) return ConversionFault(reader, writer);
     Trace("Delete resizer");
     resizer.reset();

@@ -33,19 +33,13 @@ enum ConvertResult {
 };
 
 // How a conversion spreads over processors. ONE decodes, scales and encodes on the calling
-// thread. OVERLAP decodes there while a second thread scales and encodes. STAGED splits the
-// decoding of a single-scan photo: a second thread entropy-decodes it while the calling thread
-// reconstructs, scales and encodes its lines. AUTO holds one processor per running conversion,
-// waiting while every usable processor is held, and takes an idle one to stage a single-scan
-// photo or to overlap another. The output, the result, the warnings and the trace are the same
-// in every mode: helper threads log nothing, and a fault in either stage is logged once, as a
-// one-thread conversion logs it.
-enum ConvertThreads {
-    CONVERT_THREADS_AUTO,
-    CONVERT_THREADS_ONE,
-    CONVERT_THREADS_OVERLAP,
-    CONVERT_THREADS_STAGED
-};
+// thread. STAGED splits the decoding of a single-scan photo: a second thread entropy-decodes it
+// while the calling thread reconstructs, scales and encodes its lines. AUTO holds one processor
+// per running conversion, waiting while every usable processor is held, and stages a
+// single-scan photo while another processor is idle. The output, the result, the warnings and
+// the trace are the same in every mode: the helper thread logs nothing, and a fault in either
+// stage is logged once, as a one-thread conversion logs it.
+enum ConvertThreads { CONVERT_THREADS_AUTO, CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED };
 
 // Sets the mode of every conversion that starts from now on (AUTO at start-up), for tests and
 // measurements.

@@ -97,16 +97,14 @@ void PrintTo(const PixelCase& c, std::ostream* os) {
     *os << c.source.width << "x" << c.source.height << " to " << c.dstw << "x" << c.dsth;
 }
 
-// Conversions run on one thread, overlapped on two, or staged on two; every way must write the
-// same bytes and logs.
+// Conversions run on one thread or staged on two; both ways must write the same bytes and logs.
 class ThreadsTest {
   public:
     explicit ThreadsTest(ConvertThreads mode) { SetConvertThreads(mode); }
     ~ThreadsTest() { SetConvertThreads(CONVERT_THREADS_AUTO); }
 };
 
-const ConvertThreads kThreads[] = {CONVERT_THREADS_ONE, CONVERT_THREADS_OVERLAP,
-                                   CONVERT_THREADS_STAGED};
+const ConvertThreads kThreads[] = {CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED};
 
 class ConvertPixelTest : public ::testing::TestWithParam<std::tuple<PixelCase, ConvertThreads>>,
                          ThreadsTest {
