@@ -1,7 +1,8 @@
 // A whole conversion of arbitrary bytes: the first bytes of the input choose the conversion
 // (full or thumbnail), the requested size, quality, resizer, hash and whether segments are
 // dropped; the rest is written as the source file. A conversion that reports a written image
-// must have written a JPEG that decodes at the size the request implies.
+// must have written a JPEG that decodes at the size the request implies, and the conversion
+// staged on two threads must answer and write exactly what the one-thread conversion does.
 
 #include <algorithm>
 #include <csetjmp>
@@ -88,28 +89,44 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const HashType hashType = static_cast<HashType>(data[5] % 3);
 
     Fuzz::Scratch& scratch = Fuzz::Scratch::Get();
-    scratch.Reset({{"src.jpg", source}});
-    Fuzz::RunOnSmallStack([&] {
-        Fuzz::Confinement confinement;
-        int width = -1, height = -1;
-        std::string hash;
-        const int result = thumbnail
-                               ? ConvertFileThumbnail("src.jpg", "dst.jpg", requested, quality,
-                                                      width, height, hash, hashType, resizer)
-                               : ConvertFile("src.jpg", "dst.jpg", requested, quality, width,
-                                             height, hash, hashType, resizer, omitEXIF);
-        if (result < CR_OK || result > CR_LESS_THAN_REQUESTED) std::abort();
-        const bool written = result == CR_OK || result == CR_JPEG_WARNINGS;
-        if (written != FileExists("dst.jpg") && result != CR_RESAMPLING_ERROR) std::abort();
-        // A full conversion writes a decodable image of the size the request implies.
-        if (written && width > 0) {
-            std::ifstream in("dst.jpg", std::ios::binary);
-            const DecodedJpeg decoded = DecodeJpeg(
-                std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
-            int w = 0, h = 0;
-            ExpectedSize(width, height, std::min(std::max(requested, 32), 65536), w, h);
-            if (!decoded.ok || decoded.width != w || decoded.height != h) std::abort();
+    struct Outcome {
+        int result = -1, width = -1, height = -1;
+        std::string hash, bytes;
+        bool operator!=(const Outcome& o) const {
+            return result != o.result || width != o.width || height != o.height || hash != o.hash ||
+                   bytes != o.bytes;
         }
-    });
+    };
+    Outcome outcomes[2];
+    const ConvertThreads modes[2] = {CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED};
+    for (int m = 0; m < 2; ++m) {
+        SetConvertThreads(modes[m]);
+        scratch.Reset({{"src.jpg", source}});
+        Outcome& out = outcomes[m];
+        Fuzz::RunOnSmallStack([&] {
+            Fuzz::Confinement confinement;
+            out.result =
+                thumbnail ? ConvertFileThumbnail("src.jpg", "dst.jpg", requested, quality,
+                                                 out.width, out.height, out.hash, hashType, resizer)
+                          : ConvertFile("src.jpg", "dst.jpg", requested, quality, out.width,
+                                        out.height, out.hash, hashType, resizer, omitEXIF);
+            if (out.result < CR_OK || out.result > CR_LESS_THAN_REQUESTED) std::abort();
+            const bool written = out.result == CR_OK || out.result == CR_JPEG_WARNINGS;
+            if (written != FileExists("dst.jpg") && out.result != CR_RESAMPLING_ERROR) {
+                std::abort();
+            }
+            std::ifstream in("dst.jpg", std::ios::binary);
+            out.bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+            // A full conversion writes a decodable image of the size the request implies.
+            if (written && out.width > 0) {
+                const DecodedJpeg decoded = DecodeJpeg(out.bytes);
+                int w = 0, h = 0;
+                ExpectedSize(out.width, out.height, std::min(std::max(requested, 32), 65536), w, h);
+                if (!decoded.ok || decoded.width != w || decoded.height != h) std::abort();
+            }
+        });
+    }
+    SetConvertThreads(CONVERT_THREADS_AUTO);
+    if (outcomes[0] != outcomes[1]) std::abort();
     return 0;
 }
