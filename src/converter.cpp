@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -72,8 +73,8 @@ int UsableProcessors() {
 
 // The usable processors, shared out among the conversions of the process: a conversion holds
 // one while it runs and waits for one while all are held, so that the pool's spare worker never
-// makes two conversions share a processor; helper threads hold one more each, taken only when
-// idle and no conversion waits, and give it back as they end.
+// makes two conversions share a processor. A conversion may start a helper thread while a
+// processor is idle and no conversion waits; the helper holds none (see StagedDecoder).
 // Threads: any.
 class ProcessorPool {
   public:
@@ -88,21 +89,17 @@ class ProcessorPool {
         --m_waiting;
         --m_idle;
     }
-    // Up to `wanted` idle processors, without waiting; none while a conversion waits for one,
-    // since a helper would spend it on work that only a lone conversion gains from.
-    int TakeIdle(int wanted) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        const int taken = m_waiting > 0 ? 0 : std::max(0, std::min(wanted, m_idle));
-        m_idle -= taken;
-        return taken;
-    }
-    void Give(int count) {
-        if (count <= 0) return;
+    void GiveOne() {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_idle += count;
+            ++m_idle;
         }
         m_released.notify_all();
+    }
+    // Whether a processor is idle and no conversion waits for one.
+    bool Idle() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_waiting == 0 && m_idle > 0;
     }
 
   private:
@@ -117,26 +114,13 @@ ProcessorPool& Processors() {
     return pool;
 }
 
-// Processors taken from the pool, given back when the holder goes; Split hands some of them to
-// another holder.
-class HeldProcessors {
+// A processor taken from the pool for a conversion, given back when the holder goes.
+class HeldProcessor {
   public:
-    explicit HeldProcessors(int count = 0) : m_count(count) {}
-    ~HeldProcessors() { Processors().Give(m_count); }
-    HeldProcessors(const HeldProcessors&) = delete;
-    HeldProcessors& operator=(const HeldProcessors&) = delete;
-
-    int Count() const { return m_count; }
-    void Add(int count) { m_count += count; }
-    // Takes up to `count` away from this holder, for another one.
-    int Split(int count) {
-        count = std::max(0, std::min(count, m_count));
-        m_count -= count;
-        return count;
-    }
-
-  private:
-    int m_count;
+    HeldProcessor() { Processors().TakeOne(); }
+    ~HeldProcessor() { Processors().GiveOne(); }
+    HeldProcessor(const HeldProcessor&) = delete;
+    HeldProcessor& operator=(const HeldProcessor&) = delete;
 };
 
 // The helper threads of one conversion, joined when the owner goes (or at Join), whatever path
@@ -661,27 +645,25 @@ class CoefficientRing {
 };
 
 // The second stage of a staged conversion: the entropy decoder and its thread. Made before the
-// conversion's decoder starts, which it turns to reading the ring.
+// conversion's decoder starts, which it turns to reading the ring. The thread holds no processor
+// of the pool's: it starts only while one is idle, and a conversion that starts on that
+// processor meanwhile shares it with this conversion's own thread, which idles about half the
+// time the entropy decoding takes; holding it would leave that half idle in a busy service.
 // Threads: created and used by the conversion's thread; the entropy decoder belongs to its own
 // thread until Finish joins it.
 class StagedDecoder {
   public:
     // Null when the ring or the thread cannot be had; `reader` has read the header and is
     // untouched then. Otherwise `reader` is to be started next, in buffered-image mode.
-    static std::unique_ptr<StagedDecoder> Make(const std::string& src, JpegReader& reader,
-                                               HeldProcessors& held) {
+    static std::unique_ptr<StagedDecoder> Make(const std::string& src, JpegReader& reader) {
         std::unique_ptr<StagedDecoder> staged;
         try {
             staged.reset(new StagedDecoder(reader));
         } catch (const std::bad_alloc&) {
             return nullptr;
         }
-        const int own = held.Split(1);
         StagedDecoder* self = staged.get();
-        if (!staged->m_thread.Start([self, src, own] { self->Run(src, own); })) {
-            Processors().Give(own);
-            return nullptr;
-        }
+        if (!staged->m_thread.Start([self, src] { self->Run(src); })) return nullptr;
         reader.Info().buffered_image = TRUE;
         staged->m_ring.Attach(reader.Info(), CoefficientRing::READER);
         return staged;
@@ -731,8 +713,7 @@ class StagedDecoder {
 
     // The entropy decoder's thread: opens its own decoder on the source and decodes it whole
     // into the ring, then leaves the decoder for Finish.
-    void Run(const std::string& src, int processors) {
-        const HeldProcessors held(processors);
+    void Run(const std::string& src) {
         JpegReader& reader = m_entropy;
         reader.SetQuiet(true);
         reader.SilenceMessages();
@@ -763,11 +744,11 @@ class StagedDecoder {
 };
 
 // Whether the conversion whose decoder `reader` has read the header is staged: a single-scan,
-// Huffman-coded photo is, while a processor is idle (taken into `helper`). A multi-scan photo
+// Huffman-coded photo is, while a processor is idle and no conversion waits. A multi-scan photo
 // spends most of its time taking in its scans before its first line, and an arithmetic-coded
 // one would have the conversion's decoder take in its empty scan about as slowly as a real one:
 // neither gains from a second thread, so both keep to one.
-bool ShouldStage(JpegReader& reader, HeldProcessors& helper) {
+bool ShouldStage(JpegReader& reader) {
     const bool stageable = !reader.MultiScan() && !reader.Info().arith_code;
     switch (g_mode.load()) {
         case CONVERT_THREADS_ONE:
@@ -777,9 +758,7 @@ bool ShouldStage(JpegReader& reader, HeldProcessors& helper) {
         default:
             break;
     }
-    if (!stageable) return false;
-    helper.Add(Processors().TakeIdle(1));
-    return helper.Count() > 0;
+    return stageable && Processors().Idle();
 }
 
 // A fault while only the source is open.
@@ -940,9 +919,8 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     const char* resizerName = ResizerName(resizerType);
     if (resizerName == nullptr) return CR_RESAMPLING_ERROR;
     // The processor this conversion runs on.
-    const bool pooled = g_mode.load() == CONVERT_THREADS_AUTO;
-    if (pooled) Processors().TakeOne();
-    const HeldProcessors own(pooled ? 1 : 0);
+    std::optional<HeldProcessor> own;
+    if (g_mode.load() == CONVERT_THREADS_AUTO) own.emplace();
     size = std::min(std::max(size, kMinSize), kMaxSize);
     quality = std::min(std::max(quality, 0), 100);
     const JCOPY_OPTION copy = omitEXIF ? JCOPYOPT_NONE : JCOPYOPT_ALL;
@@ -963,10 +941,7 @@ int ConvertFile(const std::string& src, const std::string& dst, int size, int qu
     reader.DecodeToRgb();
     // A staged conversion's entropy decoder starts now, beside the rest of the set-up.
     std::unique_ptr<StagedDecoder> staged;
-    {
-        HeldProcessors helper;  // the idle processor the entropy decoder takes
-        if (ShouldStage(reader, helper)) staged = StagedDecoder::Make(src, reader, helper);
-    }
+    if (ShouldStage(reader)) staged = StagedDecoder::Make(src, reader);
     Trace("jpeg_start_decompress");
     bool started = false;
     if (!reader.Start(started)) return ConversionFault(reader, writer);
