@@ -334,8 +334,8 @@ results="$root/bench/RESULTS.md"
     done
     echo
     echo "A lone baseline photo is decoded in two stages: one thread entropy-decodes it while a"
-    echo "second reconstructs, scales and encodes its lines; a progressive one decodes on one"
-    echo "thread while a second scales and encodes."
+    echo "second reconstructs, scales and encodes its lines; a progressive one converts on one"
+    echo "thread."
     echo
     echo "## Thumbnails"
     echo

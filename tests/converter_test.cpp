@@ -189,6 +189,8 @@ TEST_P(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
          "Open output file error: " + tmp.Path("no/dst.jpg") + "\n"},
         {"text", false, text, dst, CR_RESAMPLING_ERROR, -1,
          "jpeg_read_header\ncustom_error_exit (1)\nIJG decompression error\nClose input file\n"},
+        {"empty", false, tmp.Write("empty.jpg", ""), dst, CR_RESAMPLING_ERROR, -1,
+         "jpeg_read_header\ncustom_error_exit (1)\nIJG decompression error\nClose input file\n"},
         {"CMYK", false, tmp.Write("cmyk.jpg", EncodeJpeg({200, 150, JpegKind::CMYK})), dst,
          CR_RESAMPLING_ERROR, -1, "jpeg_start_decompress\ncustom_error_exit (1)\n" + fault},
         {"huge", false, tmp.Path("huge.jpg"), dst, CR_RESAMPLING_ERROR, -1, fault},
