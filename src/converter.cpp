@@ -123,32 +123,31 @@ class HeldProcessor {
     HeldProcessor& operator=(const HeldProcessor&) = delete;
 };
 
-// The helper threads of one conversion, joined when the owner goes (or at Join), whatever path
-// the conversion leaves by. Declared after everything the threads use, so that it goes first.
-class HelperThreads {
+// A conversion's helper thread, joined when the owner goes (or at Join), whatever path the
+// conversion leaves by. Declared after everything the thread uses, so that it goes first.
+class HelperThread {
   public:
-    HelperThreads() = default;
-    ~HelperThreads() { Join(); }
-    HelperThreads(const HelperThreads&) = delete;
-    HelperThreads& operator=(const HelperThreads&) = delete;
+    HelperThread() = default;
+    ~HelperThread() { Join(); }
+    HelperThread(const HelperThread&) = delete;
+    HelperThread& operator=(const HelperThread&) = delete;
 
     // False when the system has no thread to give.
     template <typename Body>
     bool Start(Body&& body) {
         try {
-            m_threads.emplace_back(std::forward<Body>(body));
+            m_thread = std::thread(std::forward<Body>(body));
             return true;
         } catch (const std::system_error&) {
             return false;
         }
     }
     void Join() {
-        for (std::thread& thread : m_threads) thread.join();
-        m_threads.clear();
+        if (m_thread.joinable()) m_thread.join();
     }
 
   private:
-    std::vector<std::thread> m_threads;
+    std::thread m_thread;
 };
 
 void Trace(const std::string& text) { log.Put(text, 14); }
@@ -682,13 +681,12 @@ class StagedDecoder {
         reader.SilenceMessages();
         m_readerWarnings = reader.Warnings() - m_headerWarnings;
         jpeg_source_mgr& src = *reader.Info().src;
-        src.next_input_byte = kEndOfImage;
-        src.bytes_in_buffer = sizeof kEndOfImage;
         src.fill_input_buffer = [](j_decompress_ptr cinfo) {
             cinfo->src->next_input_byte = kEndOfImage;
             cinfo->src->bytes_in_buffer = sizeof kEndOfImage;
             return boolean(TRUE);
         };
+        src.fill_input_buffer(&reader.Info());
         if (!reader.AbsorbScans()) return false;
         m_ring.StartReading();
         return reader.StartOutput();
@@ -741,7 +739,7 @@ class StagedDecoder {
     long m_readerWarnings = 0;
     JpegReader m_entropy;
     bool m_decoded = false;  // the entropy decoder's, read after the join
-    HelperThreads m_thread;  // last: joined before the rest goes
+    HelperThread m_thread;   // last: joined before the rest goes
 };
 
 // Whether the conversion whose decoder `reader` has read the header is staged: a single-scan,
