@@ -6,10 +6,10 @@
 // when there is one; and the JPEG library's fatal-error hook that both rely on.
 //
 // Threads: every call owns all of its state (library objects, error managers, files,
-// resizer, buffers, hash) for its own length, and may run part of its work on helper threads
+// resizer, buffers, hash) for its own length, and may run part of its work on a helper thread
 // of its own, joined before it returns (see ConvertThreads); calls on different threads share
-// only the logger and the count of processors held. Nothing throws out of a conversion except
-// allocation failure.
+// only the logger and the processor pool (processor_pool.h): each holds one of its processors
+// while it runs. Nothing throws out of a conversion except allocation failure.
 
 #include <string>
 
@@ -32,13 +32,11 @@ enum ConvertResult {
     CR_INTERNAL_ERROR = 6,       // reserved for callers; never returned by the conversions
 };
 
-// How a conversion spreads over processors. ONE decodes, scales and encodes on the calling
-// thread. STAGED splits the decoding of a single-scan photo: a second thread entropy-decodes it
-// while the calling thread reconstructs, scales and encodes its lines. AUTO holds one processor
-// per running conversion, waiting while every usable processor is held, and stages a
-// single-scan photo while another processor is idle. The output, the result, the warnings and
-// the trace are the same in every mode: the helper thread logs nothing, and a fault in either
-// stage is logged once, as a one-thread conversion logs it.
+// How a conversion spreads over processors (line_source.h). ONE decodes, scales and encodes on
+// the calling thread. STAGED splits the decoding of a photo that staged_decoder.h says may be
+// staged: a second thread entropy-decodes it while the calling thread reconstructs, scales and
+// encodes its lines. AUTO stages such a photo while another processor is idle and no conversion
+// waits for one. The output, the result, the warnings and the trace are the same in every mode.
 enum ConvertThreads { CONVERT_THREADS_AUTO, CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED };
 
 // Sets the mode of every conversion that starts from now on (AUTO at start-up), for tests and
