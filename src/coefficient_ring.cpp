@@ -1,6 +1,7 @@
 #include "coefficient_ring.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -14,6 +15,18 @@
 namespace Varnelo {
 
 namespace {
+
+// A break injected for tests: role * kInjectStride + row + 2 (row -1: the first request), or
+// 0 for none.
+const int kInjectStride = 1 << 24;
+std::atomic<int> g_injected{0};
+
+// Whether `role` at `row` (-1: its first request) is where a break was injected; takes it.
+bool Injected(CoefficientRing::Role role, int row) {
+    int expected = role * kInjectStride + row + 2;
+    return g_injected.load(std::memory_order_relaxed) == expected &&
+           g_injected.compare_exchange_strong(expected, 0);
+}
 
 JDIMENSION RoundUp(JDIMENSION value, int multiple) {
     const JDIMENSION m = static_cast<JDIMENSION>(multiple);
@@ -72,6 +85,10 @@ bool CoefficientRing::AllWritten(const jpeg_decompress_struct& info) const {
            info.input_iMCU_row >= info.total_iMCU_rows;
 }
 
+void CoefficientRing::InjectContractBreakForTesting(Role role, int row) {
+    g_injected.store(role * kInjectStride + (row < 0 ? -1 : row) + 2);
+}
+
 void CoefficientRing::Fail() { m_failed.store(true, std::memory_order_release); }
 
 void CoefficientRing::BreakContract() {
@@ -89,7 +106,10 @@ jvirt_barray_ptr CoefficientRing::Request(j_common_ptr cinfo, int, boolean preZe
                                           JDIMENSION rowsPerAccess) {
     Side& side = *static_cast<Side*>(cinfo->client_data);
     CoefficientRing& ring = *side.ring;
-    if (side.requested >= ring.m_components.size() || !preZero) Broken(cinfo, ring);
+    if (side.requested >= ring.m_components.size() || !preZero ||
+        (side.requested == 0 && Injected(side.role, -1))) {
+        Broken(cinfo, ring);
+    }
     Component& c = ring.m_components[side.requested++];
     if (blocksPerRow != c.blocksPerRow || rows != c.rows || rowsPerAccess != c.rowsPerImcu) {
         Broken(cinfo, ring);
@@ -115,6 +135,7 @@ JBLOCKARRAY CoefficientRing::Access(j_common_ptr cinfo, jvirt_barray_ptr array, 
     ++next;
     if (side.absorbing) return c->scratch.data();
     const int row = static_cast<int>(startRow / rows);
+    if (Injected(side.role, row)) Broken(cinfo, ring);
     if (writer ? !ring.WriterAt(row) : !ring.ReaderAt(row)) {
         if (ring.ContractBroken()) RaiseContractFault(cinfo);
         ERREXIT(cinfo, JERR_BAD_VIRTUAL_ACCESS);

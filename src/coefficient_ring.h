@@ -74,6 +74,11 @@ class CoefficientRing {
     void BreakContract();
     bool ContractBroken() const { return m_contractBroken.load(std::memory_order_acquire); }
 
+    // Makes the `role` side of the next ring that reaches the point break the contract there, as
+    // a library that used the ring otherwise would: at its first request (row < 0) or at its
+    // access of iMCU row `row` once absorbing is over. For tests; one break per call.
+    static void InjectContractBreakForTesting(Role role, int row);
+
   private:
     struct Component {
         JDIMENSION blocksPerRow = 0, rows = 0, rowsPerImcu = 0;

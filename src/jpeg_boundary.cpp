@@ -66,23 +66,8 @@ void InitErrorManager(JpegErrorManager& err) {
     err.pub.output_message = OutputMessage;
 }
 
-// This is the only place where the library leaves a frame other than by returning (see the
-// header). noinline: the jump point must be a frame of its own.
-template <typename Call>
-[[gnu::noinline]] bool Guarded(JpegErrorManager& err, const Call& call) {
-    std::jmp_buf jump;
-    err.jump = &jump;
-    if (setjmp(jump) != 0) {
-        err.jump = nullptr;
-        return false;
-    }
-    call();
-    err.jump = nullptr;
-    return true;
-}
-
 [[noreturn]] void JumpBack(JpegErrorManager& err) {
-    std::jmp_buf* jump = static_cast<std::jmp_buf*>(err.jump);
+    std::jmp_buf* jump = err.jump;
     if (jump == nullptr) std::abort();  // a library call made outside a guarded call
     std::longjmp(*jump, 1);
 }
@@ -173,12 +158,6 @@ template <typename Object, void (*Destroy)(Object*)>
 bool JpegSide<Object, Destroy>::OpenFile(const std::string& path, const char* mode) {
     m_file.reset(std::fopen(path.c_str(), mode));
     return m_file != nullptr;
-}
-
-template <typename Object, void (*Destroy)(Object*)>
-template <typename Call>
-bool JpegSide<Object, Destroy>::Guard(const Call& call) {
-    return Guarded(m_err, call);
 }
 
 template class JpegSide<jpeg_decompress_struct, jpeg_destroy_decompress>;

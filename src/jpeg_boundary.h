@@ -16,6 +16,7 @@
 // descriptor); Close and the destructor release them on every path.
 // Threads: a side is used by one thread at a time; sides share nothing.
 
+#include <csetjmp>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
@@ -42,7 +43,7 @@ void LogHookLine();
 // The library's standard error manager and what the boundary keeps beside it.
 struct JpegErrorManager {
     jpeg_error_mgr pub;          // what the library object's `err` points at
-    void* jump = nullptr;        // the jump point of the guarded call running, if any
+    std::jmp_buf* jump = nullptr;      // the jump point of the guarded call running, if any
     bool quiet = false;          // faults log nothing (a stage on a helper thread)
     bool muted = false;          // the library's messages are not printed
     bool printed = false;        // a message was printed on standard error
@@ -55,6 +56,23 @@ struct JpegErrorManager {
         return *reinterpret_cast<JpegErrorManager*>(cinfo->err);
     }
 };
+
+// Runs `call`, one call into the library on an object whose manager is `err`, with a jump point
+// for its faults: true when it returned, false when the library faulted. This is the only place
+// where the library leaves a frame other than by returning (see above); noinline, so that the
+// jump point is a frame of its own.
+template <typename Call>
+[[gnu::noinline]] bool Guarded(JpegErrorManager& err, const Call& call) {
+    std::jmp_buf jump;
+    err.jump = &jump;
+    if (setjmp(jump) != 0) {
+        err.jump = nullptr;
+        return false;
+    }
+    call();
+    err.jump = nullptr;
+    return true;
+}
 
 // Faults `cinfo` quietly because a contract with the library was broken (its arrays were asked
 // for or used in a way a stand-in does not serve), not because the data is bad: the owner may
@@ -108,7 +126,9 @@ class JpegSide {
     // Runs `call`, one call into the library, with a jump point for its faults: true when it
     // returned, false when the library faulted.
     template <typename Call>
-    bool Guard(const Call& call);
+    bool Guard(const Call& call) {
+        return Guarded(m_err, call);
+    }
 
     JpegErrorManager m_err;
     Object m_object{};

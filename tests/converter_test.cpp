@@ -4,18 +4,24 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include "coefficient_ring.h"
 #include "exif.h"
 #include "fsutils.h"
+#include "processor_pool.h"
+#include "staged_decoder.h"
 #include "support/jpeg_fixtures.h"
 #include "support/resize_formulas.h"
 #include "support/service_process.h"
@@ -145,113 +151,159 @@ INSTANTIATE_TEST_SUITE_P(Sources, ConvertPixelTest,
                          ::testing::Combine(::testing::ValuesIn(kPixelCases),
                                             ::testing::ValuesIn(kThreads)));
 
-class ConvertFileTest : public ::testing::TestWithParam<ConvertThreads>, ThreadsTest {
-  protected:
-    ConvertFileTest() : ThreadsTest(GetParam()) {}
+// The sources the outcome cases read, by name; made once.
+const std::map<std::string, std::string>& Sources() {
+    static const std::map<std::string, std::string> sources = [] {
+        ExifBlock outside = BuildExif({200, 150, "\xFF\xD8"});
+        outside.Put(outside.thumbLengthEntry + 8, 3);  // one byte past the block
+        // A few hundred bytes declaring a 60000 x 60000 progressive image, whose coefficients
+        // the library would buffer in gigabytes. The first FF C2 written is the frame header.
+        std::string huge = EncodeJpeg({16, 16, JpegKind::COLOUR_420, true});
+        huge.replace(huge.find("\xFF\xC2") + 5, 4, "\xEA\x60\xEA\x60");
+        return std::map<std::string, std::string>{
+            {"big.jpg", EncodeJpeg({200, 150})},
+            {"line.jpg", EncodeJpeg({300, 1})},
+            {"text.jpg", "not a jpeg at all"},
+            {"empty.jpg", ""},
+            {"cmyk.jpg", EncodeJpeg({200, 150, JpegKind::CMYK})},
+            {"huge.jpg", huge},
+            {"cut.jpg", TruncateInScan(EncodeJpeg({200, 150}))},
+            {"narrow.jpg", EncodeJpeg({8, 1000})},
+            {"thumb.jpg",
+             EncodeJpeg({200, 150}, {{0xE1, BuildExif({200, 150, "\xFF\xD8"}).payload}})},
+            {"outside.jpg", EncodeJpeg({200, 150}, {{0xE1, outside.payload}})},
+        };
+    }();
+    return sources;
+}
+
+// One conversion's outcome: its result, the source width it reports and how its log ends, with
+// $SRC and $DST standing for the paths. An empty log tail: nothing is logged.
+struct OutcomeCase {
+    const char* name;
+    bool thumbnail;
+    const char* src;
+    const char* dst;
+    int result, width;
+    std::string logTail;
+    TypeOfResizer type = RESIZER_REDUCES;
 };
 
-TEST_P(ConvertFileTest, ReportsEachOutcomeWithItsResultAndLog) {
-    TempDir tmp;
-    const std::string big = tmp.Write("big.jpg", EncodeJpeg({200, 150}));
-    const std::string text = tmp.Write("text.jpg", "not a jpeg at all");
-    const std::string embedded = tmp.Write(
-        "thumb.jpg", EncodeJpeg({200, 150}, {{0xE1, BuildExif({200, 150, "\xFF\xD8"}).payload}}));
-    ExifBlock outside = BuildExif({200, 150, "\xFF\xD8"});
-    outside.Put(outside.thumbLengthEntry + 8, 3);  // one byte past the block
-    // A few hundred bytes declaring a 60000 x 60000 progressive image, whose coefficients the
-    // library would buffer in gigabytes. The first FF C2 libjpeg writes is the frame header.
-    std::string huge = EncodeJpeg({16, 16, JpegKind::COLOUR_420, true});
-    huge.replace(huge.find("\xFF\xC2") + 5, 4, "\xEA\x60\xEA\x60");
-    tmp.Write("huge.jpg", huge);
-    const std::string dst = tmp.Path("dst.jpg");
-    const std::string fault = "IJG decompression error\nClose output file\nClose input file\n";
-    const TypeOfResizer kUnknown = static_cast<TypeOfResizer>(3);
-    struct Case {
-        const char* name;
-        bool thumbnail;
-        std::string src, dst;
-        int result, width;
-        std::string logTail;  // how the log ends; empty: nothing is logged
-        TypeOfResizer type = RESIZER_REDUCES;
-    };
-    std::vector<Case> cases = {
-        // A whole log; one source line gives the nearest-sample resizer a line too few.
-        {"one line", false, tmp.Write("line.jpg", EncodeJpeg({300, 1})), dst, CR_OK, 300,
-         "Open input file ok\njpeg_read_header\njpeg_start_decompress\n  dstw=64\n  dsth=8"
-         "\n  srcw=300\n  srch=1\nOpen output file ok\njpeg_copy_critical_parameters"
-         "\nCreate CResizerDirty\nCreate resizer ok\njpeg_start_compress\njcopy_markers_execute"
-         "\nResizing...\nResizer not another output line\nDelete resizer\nClose output file"
-         "\nClose input file\nCalculate hash\nConvertFile ok\n",
-         RESIZER_DIRTY},
-        {"missing", false, tmp.Path("none.jpg"), dst, CR_FILE_NOT_FOUND, -1,
-         "Open input file error: " + tmp.Path("none.jpg") + "\n"},
-        {"no folder", false, big, tmp.Path("no/dst.jpg"), CR_CREATE_DEST_ERROR, 200,
-         "Open output file error: " + tmp.Path("no/dst.jpg") + "\n"},
-        {"text", false, text, dst, CR_RESAMPLING_ERROR, -1,
-         "jpeg_read_header\ncustom_error_exit (1)\nIJG decompression error\nClose input file\n"},
-        {"empty", false, tmp.Write("empty.jpg", ""), dst, CR_RESAMPLING_ERROR, -1,
-         "jpeg_read_header\ncustom_error_exit (1)\nIJG decompression error\nClose input file\n"},
-        {"CMYK", false, tmp.Write("cmyk.jpg", EncodeJpeg({200, 150, JpegKind::CMYK})), dst,
-         CR_RESAMPLING_ERROR, -1, "jpeg_start_decompress\ncustom_error_exit (1)\n" + fault},
-        {"huge", false, tmp.Path("huge.jpg"), dst, CR_RESAMPLING_ERROR, -1, fault},
-        {"cut", false, tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({200, 150}))), dst,
-         CR_JPEG_WARNINGS, 200, "Calculate hash\nConvertFile warnings\n"},
-        // Only the widths count, though the height would shrink from 1000 to 64.
-        {"narrow", false, tmp.Write("narrow.jpg", EncodeJpeg({8, 1000})), dst,
-         CR_LESS_THAN_REQUESTED, 8, "  srch=1000\nClose input file\n"},
-        {"same paths", false, big, big, CR_RESAMPLING_ERROR, -1, ""},
-        {"no source", false, "", dst, CR_RESAMPLING_ERROR, -1, ""},
-        {"no destination", false, big, "", CR_RESAMPLING_ERROR, -1, ""},
-        {"unknown resizer", false, big, dst, CR_RESAMPLING_ERROR, -1, "", kUnknown},
-        {"thumbnail of text", true, text, dst, CR_RESAMPLING_ERROR, -1,
-         "Open file ok\njpeg_read_header\ncustom_error_exit (1)\nClose input file\n"},
-        {"thumbnail of huge", true, tmp.Path("huge.jpg"), dst, CR_RESAMPLING_ERROR, -1,
-         "IJG decompression error\nClose input file\n"},
-        // The embedded thumbnail cannot be written: the conversion it falls back to fails too.
-        {"thumbnail no folder", true, embedded, tmp.Path("no/t.jpg"), CR_CREATE_DEST_ERROR, 200,
-         "Open output file error: " + tmp.Path("no/t.jpg") + "\n"},
-        {"thumbnail outside", true,
-         tmp.Write("o.jpg", EncodeJpeg({200, 150}, {{0xE1, outside.payload}})), dst, CR_OK, 200,
-         "Calculate hash\nConvertFile ok\n"},
-        {"thumbnail same paths", true, big, big, CR_RESAMPLING_ERROR, -1, ""},
-        {"thumbnail unknown resizer", true, embedded, dst, CR_RESAMPLING_ERROR, -1, "", kUnknown},
-    };
-    if (access("/dev/full", W_OK) == 0) {
-        cases.push_back({"full disk", false, big, "/dev/full", CR_RESAMPLING_ERROR, 200, fault});
+void PrintTo(const OutcomeCase& c, std::ostream* os) { *os << c.name; }
+
+const char kFault[] = "IJG decompression error\nClose output file\nClose input file\n";
+const char kHookFault[] =
+    "custom_error_exit (1)\nIJG decompression error\nClose output file\n"
+    "Close input file\n";
+const char kHeaderFault[] =
+    "jpeg_read_header\ncustom_error_exit (1)\nIJG decompression error\nClose input file\n";
+
+const OutcomeCase kOutcomes[] = {
+    // A whole log; one source line gives the nearest-sample resizer a line too few.
+    {"OneLine", false, "line.jpg", "dst.jpg", CR_OK, 300,
+     "Open input file ok\njpeg_read_header\njpeg_start_decompress\n  dstw=64\n  dsth=8"
+     "\n  srcw=300\n  srch=1\nOpen output file ok\njpeg_copy_critical_parameters"
+     "\nCreate CResizerDirty\nCreate resizer ok\njpeg_start_compress\njcopy_markers_execute"
+     "\nResizing...\nResizer not another output line\nDelete resizer\nClose output file"
+     "\nClose input file\nCalculate hash\nConvertFile ok\n",
+     RESIZER_DIRTY},
+    {"Missing", false, "none.jpg", "dst.jpg", CR_FILE_NOT_FOUND, -1,
+     "Open input file error: $SRC\n"},
+    {"NoFolder", false, "big.jpg", "no/dst.jpg", CR_CREATE_DEST_ERROR, 200,
+     "Open output file error: $DST\n"},
+    {"Text", false, "text.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1, kHeaderFault},
+    {"Empty", false, "empty.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1, kHeaderFault},
+    {"Cmyk", false, "cmyk.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1,
+     std::string("jpeg_start_decompress\n") + kHookFault},
+    {"Huge", false, "huge.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1, kFault},
+    {"Cut", false, "cut.jpg", "dst.jpg", CR_JPEG_WARNINGS, 200,
+     "Calculate hash\nConvertFile warnings\n"},
+    // Only the widths count, though the height would shrink from 1000 to 64.
+    {"Narrow", false, "narrow.jpg", "dst.jpg", CR_LESS_THAN_REQUESTED, 8,
+     "  srch=1000\nClose input file\n"},
+    {"SamePaths", false, "big.jpg", "big.jpg", CR_RESAMPLING_ERROR, -1, ""},
+    {"NoSource", false, "", "dst.jpg", CR_RESAMPLING_ERROR, -1, ""},
+    {"UnknownResizer", false, "big.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1, "",
+     static_cast<TypeOfResizer>(3)},
+    {"ThumbnailOfText", true, "text.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1,
+     "Open file ok\njpeg_read_header\ncustom_error_exit (1)\nClose input file\n"},
+    {"ThumbnailOfHuge", true, "huge.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1,
+     "IJG decompression error\nClose input file\n"},
+    // The embedded thumbnail cannot be written: the conversion it falls back to fails too.
+    {"ThumbnailNoFolder", true, "thumb.jpg", "no/t.jpg", CR_CREATE_DEST_ERROR, 200,
+     "Open output file error: $DST\n"},
+    {"ThumbnailOutsideItsBlock", true, "outside.jpg", "dst.jpg", CR_OK, 200,
+     "Calculate hash\nConvertFile ok\n"},
+    {"ThumbnailUnknownResizer", true, "thumb.jpg", "dst.jpg", CR_RESAMPLING_ERROR, -1, "",
+     static_cast<TypeOfResizer>(3)},
+    {"FullDisk", false, "big.jpg", "/dev/full", CR_RESAMPLING_ERROR, 200, kHookFault},
+};
+
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
     }
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        LogCapture capture(15);
-        const Outcome r = c.thumbnail ? Thumbnail(c.src, c.dst, c.type)
-                                      : Convert(c.src, c.dst, 64, 75, HASH_CRC32, c.type);
-        EXPECT_EQ(r.result, c.result);
-        EXPECT_EQ(r.width, c.width);
-        const bool converted = c.result == CR_OK || c.result == CR_JPEG_WARNINGS;
-        EXPECT_EQ(r.hash, converted ? TailCrc32(c.src) : "untouched");
-        const std::string log = capture.Text();
-        EXPECT_EQ(log.substr(log.size() - std::min(log.size(), c.logTail.size())), c.logTail);
-        EXPECT_EQ(log.empty(), c.logTail.empty());
-        EXPECT_EQ(FileExists(dst), converted);
-        // A thumbnail made by conversion carries no segments.
-        if (converted) {
-            EXPECT_EQ(ReadSegments(ReadFileBytes(dst)).empty(), c.thumbnail);
-        }
-        std::remove(dst.c_str());
+    return text;
+}
+
+class ConvertOutcomeTest : public ::testing::TestWithParam<std::tuple<OutcomeCase, ConvertThreads>>,
+                           ThreadsTest {
+  protected:
+    ConvertOutcomeTest() : ThreadsTest(std::get<1>(GetParam())) {}
+};
+
+TEST_P(ConvertOutcomeTest, ReportsItsResultAndLogsIt) {
+    const OutcomeCase& c = std::get<0>(GetParam());
+    TempDir tmp;
+    auto path = [&](const std::string& name) {
+        if (name.empty() || name[0] == '/') return name;
+        const auto source = Sources().find(name);
+        return source == Sources().end() ? tmp.Path(name) : tmp.Write(name, source->second);
+    };
+    const std::string src = path(c.src), dst = path(c.dst);
+    if (dst == "/dev/full" && access(dst.c_str(), W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+    LogCapture capture(15);
+    const Outcome r =
+        c.thumbnail ? Thumbnail(src, dst, c.type) : Convert(src, dst, 64, 75, HASH_CRC32, c.type);
+    EXPECT_EQ(r.result, c.result);
+    EXPECT_EQ(r.width, c.width);
+    const bool converted = c.result == CR_OK || c.result == CR_JPEG_WARNINGS;
+    EXPECT_EQ(r.hash, converted ? TailCrc32(src) : "untouched");
+    const std::string log = capture.Text();
+    const std::string tail = Replace(Replace(c.logTail, "$SRC", src), "$DST", dst);
+    EXPECT_EQ(log.substr(log.size() - std::min(log.size(), tail.size())), tail);
+    EXPECT_EQ(log.empty(), tail.empty());
+    if (dst == src || dst.rfind(tmp.path(), 0) != 0) return;
+    EXPECT_EQ(FileExists(dst), converted);
+    // A thumbnail made by conversion carries no segments.
+    if (converted) {
+        EXPECT_EQ(ReadSegments(ReadFileBytes(dst)).empty(), c.thumbnail);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Threads, ConvertFileTest, ::testing::ValuesIn(kThreads));
+std::string ModeName(ConvertThreads mode) {
+    return mode == CONVERT_THREADS_ONE ? "OneThread" : "Staged";
+}
 
-// What a conversion leaves behind: its answer, the destination's bytes and the trace.
+INSTANTIATE_TEST_SUITE_P(Cases, ConvertOutcomeTest,
+                         ::testing::Combine(::testing::ValuesIn(kOutcomes),
+                                            ::testing::ValuesIn(kThreads)),
+                         [](const auto& p) {
+                             return std::string(std::get<0>(p.param).name) +
+                                    ModeName(std::get<1>(p.param));
+                         });
+
+// What a conversion leaves behind: its answer, the destination's bytes, the trace and what the
+// library printed.
 struct Written {
     Outcome outcome;
-    std::string bytes, log;
+    std::string bytes, log, printed;
 };
 
 bool operator==(const Written& a, const Written& b) {
     return a.outcome.result == b.outcome.result && a.outcome.width == b.outcome.width &&
            a.outcome.height == b.outcome.height && a.outcome.hash == b.outcome.hash &&
-           a.bytes == b.bytes && a.log == b.log;
+           a.bytes == b.bytes && a.log == b.log && a.printed == b.printed;
 }
 
 Written ConvertIn(ConvertThreads mode, const std::string& src, int size, const TempDir& tmp) {
@@ -260,7 +312,9 @@ Written ConvertIn(ConvertThreads mode, const std::string& src, int size, const T
     Written w;
     {
         LogCapture capture(15);
+        StderrCapture printed;
         w.outcome = Convert(src, dst, size, 85, HASH_MD5);
+        w.printed = printed.Text();
         w.log = capture.Text();
     }
     w.bytes = ReadFileBytes(dst);
@@ -276,100 +330,203 @@ std::string Damaged(std::string jpeg, double fraction, int count) {
     return jpeg;
 }
 
-// Every source shape, staged: the conversion writes, answers and traces exactly what the
-// one-thread conversion does, whatever its height, sampling and reduction (2x to 40x), with
-// restart markers, on damaged and cut photos (warnings counted once, faults logged once), on a
-// source already small enough (the entropy stage started, then stopped) and on the camera
-// photos when their folder is there.
-TEST(StagedConversionTest, WritesWhatOneThreadWrites) {
-    TempDir tmp;
-    JpegShape photo;
-    photo.photographic = true;
-    photo.quality = 92;
-    auto shape = [&](int w, int h, JpegKind kind, bool photographic = true) {
-        JpegShape s = photo;
-        s.width = w;
-        s.height = h;
-        s.kind = kind;
-        s.photographic = photographic;
-        return s;
-    };
-    const std::string p420 = EncodeJpeg(shape(999, 701, JpegKind::COLOUR_420));
-    JpegShape restarts = shape(641, 479, JpegKind::COLOUR_420);
-    restarts.restartRows = 1;
-    const std::string withRestarts = EncodeJpeg(restarts);
-    struct Case {
-        std::string name, jpeg;
-        int size;
-    };
-    std::vector<Case> cases = {
-        {"4:2:0 2.5x", p420, 400},
-        {"4:2:2 2x", EncodeJpeg(shape(640, 479, JpegKind::COLOUR_422)), 320},
-        {"4:4:4 8x", EncodeJpeg(shape(601, 803, JpegKind::COLOUR_444)), 100},
-        {"grey 40x", EncodeJpeg(shape(1200, 817, JpegKind::GREY, false)), 30},
-        {"CMYK 3x", EncodeJpeg(shape(300, 200, JpegKind::CMYK, false)), 100},
-        {"pattern 40x", EncodeJpeg(shape(1601, 1283, JpegKind::COLOUR_420, false)), 40},
-        {"portrait 3x", EncodeJpeg(shape(333, 1001, JpegKind::COLOUR_420)), 333},
-        {"16 lines", EncodeJpeg(shape(256, 16, JpegKind::COLOUR_420)), 128},
-        {"one line", EncodeJpeg(shape(300, 1, JpegKind::COLOUR_420)), 100},
-        {"restart markers", withRestarts, 200},
-        {"restart markers damaged", Damaged(withRestarts, 0.4, 24), 200},
-        {"progressive", EncodeJpeg([&] {
-             JpegShape s = shape(400, 300, JpegKind::COLOUR_420);
-             s.progressive = true;
-             return s;
-         }()),
-         100},
-        {"cut", TruncateInScan(p420), 200},
-        {"already small", p420, 2000},
-        {"trailing bytes", p420.substr(0, p420.size() - 2) + "garbage\xFF\xD9", 200},
-    };
-    for (double at : {0.1, 0.45, 0.62, 0.7, 0.78, 0.9}) {
-        cases.push_back({"damaged at " + std::to_string(at), Damaged(p420, at, 24), 200});
-    }
-    std::string marker = p420;
-    marker.replace(marker.size() / 2, 4, "\xFF\xC0\x00\x11");
-    cases.push_back({"frame in the scan", marker, 200});
-    const std::string folder = VARNELO_PHOTOS_DIR;
-    for (const char* name :
-         {"corrupted.jpg", "hdr_canon_hdr_NO.jpg", "gps_DSCN0010.jpg", "exif-org_sony-d700.jpg",
-          "orientation_portrait_1.jpg", "xmp_no_exif.jpg", "invalid_image01713.jpg"}) {
-        const std::string bytes = ReadFileBytes(folder + "/" + name);
-        if (!bytes.empty()) cases.push_back({name, bytes, 300});
-    }
-    int warned = 0, failed = 0;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string src = tmp.Write("src.jpg", c.jpeg);
-        const Written one = ConvertIn(CONVERT_THREADS_ONE, src, c.size, tmp);
-        const Written staged = ConvertIn(CONVERT_THREADS_STAGED, src, c.size, tmp);
-        EXPECT_TRUE(staged == one) << "one thread:\n" << one.log << "staged:\n" << staged.log;
-        warned += one.outcome.result == CR_JPEG_WARNINGS;
-        failed += one.outcome.result == CR_RESAMPLING_ERROR;
-    }
-    EXPECT_GE(warned, 5);  // the damage does make warnings
-    EXPECT_GE(failed, 1);  // and a fault, met after the last line
+JpegShape Photo(int width, int height, JpegKind kind = JpegKind::COLOUR_420,
+                bool photographic = true) {
+    JpegShape s;
+    s.width = width;
+    s.height = height;
+    s.kind = kind;
+    s.photographic = photographic;
+    s.quality = 92;
+    return s;
 }
 
-// Conversions on several threads at once share the processors (waiting for one while all are
-// held, taking idle ones to stage) and each writes what it writes alone.
-TEST(StagedConversionTest, ConversionsRunningAtOnceWriteWhatEachWritesAlone) {
+const std::string& Photo420() {
+    static const std::string jpeg = EncodeJpeg(Photo(999, 701));
+    return jpeg;
+}
+
+const std::string& WithRestarts() {
+    static const std::string jpeg = [] {
+        JpegShape s = Photo(641, 479);
+        s.restartRows = 1;
+        return EncodeJpeg(s);
+    }();
+    return jpeg;
+}
+
+// A source shape a staged conversion must treat exactly as a one-thread one.
+struct StagedCase {
+    const char* name;
+    std::string (*jpeg)();
+    int size;
+};
+
+void PrintTo(const StagedCase& c, std::ostream* os) { *os << c.name; }
+
+const StagedCase kStagedCases[] = {
+    {"Subsampled420", [] { return Photo420(); }, 400},
+    {"Subsampled422", [] { return EncodeJpeg(Photo(640, 479, JpegKind::COLOUR_422)); }, 320},
+    {"Full444", [] { return EncodeJpeg(Photo(601, 803, JpegKind::COLOUR_444)); }, 100},
+    {"GreyAt40x", [] { return EncodeJpeg(Photo(1200, 817, JpegKind::GREY, false)); }, 30},
+    {"Cmyk", [] { return EncodeJpeg(Photo(300, 200, JpegKind::CMYK, false)); }, 100},
+    {"PatternAt40x", [] { return EncodeJpeg(Photo(1601, 1283, JpegKind::COLOUR_420, false)); }, 40},
+    {"Portrait", [] { return EncodeJpeg(Photo(333, 1001)); }, 333},
+    {"SixteenLines", [] { return EncodeJpeg(Photo(256, 16)); }, 128},
+    {"OneLine", [] { return EncodeJpeg(Photo(300, 1)); }, 100},
+    {"RestartMarkers", [] { return WithRestarts(); }, 200},
+    {"RestartMarkersDamaged", [] { return Damaged(WithRestarts(), 0.4, 24); }, 200},
+    {"Progressive",
+     [] {
+         JpegShape s = Photo(400, 300);
+         s.progressive = true;
+         return EncodeJpeg(s);
+     },
+     100},
+    {"Cut", [] { return TruncateInScan(Photo420()); }, 200},
+    {"AlreadySmall", [] { return Photo420(); }, 2000},
+    {"TrailingBytes",
+     [] { return Photo420().substr(0, Photo420().size() - 2) + "garbage\xFF\xD9"; }, 200},
+    {"DamagedEarly", [] { return Damaged(Photo420(), 0.1, 24); }, 200},
+    {"DamagedMidway", [] { return Damaged(Photo420(), 0.45, 24); }, 200},
+    {"DamagedLate", [] { return Damaged(Photo420(), 0.78, 24); }, 200},
+    {"DamagedAtTheEnd", [] { return Damaged(Photo420(), 0.9, 24); }, 200},
+    // A fault after the last line: met when the decoder is finished.
+    {"FrameMarkerInTheScan",
+     [] {
+         std::string jpeg = Photo420();
+         jpeg.replace(jpeg.size() / 2, 4, "\xFF\xC0\x00\x11");
+         return jpeg;
+     },
+     200},
+};
+
+// Staged conversions write, answer, trace and print exactly what one-thread conversions do,
+// whatever the sampling, height, reduction, restart markers or damage (warnings counted and
+// printed once, faults logged once, where one thread meets them).
+class StagedConversionTest : public ::testing::TestWithParam<StagedCase> {};
+
+TEST_P(StagedConversionTest, WritesWhatOneThreadWrites) {
     TempDir tmp;
-    JpegShape shape;
-    shape.width = 900;
-    shape.height = 700;
-    shape.photographic = true;
-    const std::string src = tmp.Write("src.jpg", EncodeJpeg(shape));
+    const std::string src = tmp.Write("src.jpg", GetParam().jpeg());
+    const Written one = ConvertIn(CONVERT_THREADS_ONE, src, GetParam().size, tmp);
+    const std::uint64_t fellBack = StagedDecoder::FellBack();
+    const Written staged = ConvertIn(CONVERT_THREADS_STAGED, src, GetParam().size, tmp);
+    EXPECT_EQ(StagedDecoder::FellBack(), fellBack);
+    EXPECT_TRUE(staged == one) << "one thread:\n"
+                               << one.log << one.printed << "staged:\n"
+                               << staged.log << staged.printed;
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, StagedConversionTest, ::testing::ValuesIn(kStagedCases),
+                         [](const auto& p) { return std::string(p.param.name); });
+
+// The camera photos, when their folder is there.
+class StagedCameraPhotoTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(StagedCameraPhotoTest, WritesWhatOneThreadWrites) {
+    const std::string path = std::string(VARNELO_PHOTOS_DIR) + "/" + GetParam();
+    if (!FileExists(path)) GTEST_SKIP() << path << " is not there";
+    TempDir tmp;
+    EXPECT_TRUE(ConvertIn(CONVERT_THREADS_STAGED, path, 300, tmp) ==
+                ConvertIn(CONVERT_THREADS_ONE, path, 300, tmp));
+}
+
+INSTANTIATE_TEST_SUITE_P(Photos, StagedCameraPhotoTest,
+                         ::testing::Values("corrupted.jpg", "hdr_canon_hdr_NO.jpg",
+                                           "gps_DSCN0010.jpg", "exif-org_sony-d700.jpg",
+                                           "orientation_portrait_1.jpg", "xmp_no_exif.jpg",
+                                           "invalid_image01713.jpg"),
+                         [](const auto& p) {
+                             std::string name = p.param;
+                             for (char& c : name) c = std::isalnum(c) ? c : '_';
+                             return name;
+                         });
+
+// A library that used the ring outside its contract, at the point the case names: the staged
+// conversion falls back to one thread unseen, on a clean photo and on one whose warnings come
+// before and after that point.
+struct BreakCase {
+    const char* name;
+    CoefficientRing::Role role;
+    int row;
+};
+
+class StagedFallbackTest : public ::testing::TestWithParam<std::tuple<BreakCase, bool>> {};
+
+TEST_P(StagedFallbackTest, WritesWhatOneThreadWrites) {
+    const BreakCase& c = std::get<0>(GetParam());
+    TempDir tmp;
+    const std::string src =
+        tmp.Write("src.jpg", std::get<1>(GetParam()) ? Damaged(Photo420(), 0.3, 24) : Photo420());
+    const Written one = ConvertIn(CONVERT_THREADS_ONE, src, 200, tmp);
+    const std::uint64_t fellBack = StagedDecoder::FellBack();
+    CoefficientRing::InjectContractBreakForTesting(c.role, c.row);
+    const Written staged = ConvertIn(CONVERT_THREADS_STAGED, src, 200, tmp);
+    EXPECT_EQ(StagedDecoder::FellBack(), fellBack + 1);
+    EXPECT_TRUE(staged == one) << "one thread:\n"
+                               << one.log << one.printed << "staged:\n"
+                               << staged.log << staged.printed;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Breaks, StagedFallbackTest,
+    ::testing::Combine(
+        ::testing::Values(BreakCase{"WriterAsksForArrays", CoefficientRing::WRITER, -1},
+                          BreakCase{"WriterMidway", CoefficientRing::WRITER, 20},
+                          BreakCase{"ReaderAsksForArrays", CoefficientRing::READER, -1},
+                          BreakCase{"ReaderMidway", CoefficientRing::READER, 20}),
+        ::testing::Bool()),
+    [](const auto& p) {
+        return std::string(std::get<0>(p.param).name) +
+               (std::get<1>(p.param) ? "Damaged" : "Clean");
+    });
+
+// Staging happens only where the ring's contract was proven: not on a library the build does not
+// know, and not on a progressive photo.
+TEST(StagedConversionGuardTest, UnprovenLibrariesAndProcessesConvertOnOneThread) {
+    TempDir tmp;
+    JpegShape progressive = Photo(400, 300);
+    progressive.progressive = true;
+    const std::string src = tmp.Write("src.jpg", Photo420());
+    const std::string multiScan = tmp.Write("p.jpg", EncodeJpeg(progressive));
+    const Written one = ConvertIn(CONVERT_THREADS_ONE, src, 200, tmp);
+    std::uint64_t staged = StagedDecoder::Staged();
+    ConvertIn(CONVERT_THREADS_STAGED, src, 200, tmp);
+    EXPECT_EQ(StagedDecoder::Staged(), ++staged);  // proven: staged
+    OverrideLibraryProvenForTesting(false);
+    EXPECT_TRUE(ConvertIn(CONVERT_THREADS_STAGED, src, 200, tmp) == one);
+    OverrideLibraryProvenForTesting(std::nullopt);
+    ConvertIn(CONVERT_THREADS_STAGED, multiScan, 200, tmp);
+    EXPECT_EQ(StagedDecoder::Staged(), staged);
+}
+
+// A conversion alone stages while another processor is idle; conversions that find every
+// processor held wait for one, and then run at once, each writing what it writes alone.
+TEST(ConcurrentConversionTest, StagesWhileIdleWaitsWhenBusyAndWritesWhatEachWritesAlone) {
+    TempDir tmp;
+    const std::string src = tmp.Write("src.jpg", EncodeJpeg(Photo(900, 700)));
     const Written alone = ConvertIn(CONVERT_THREADS_ONE, src, 300, tmp);
-    std::vector<std::string> outputs(6);
+    const std::uint64_t staged = StagedDecoder::Staged();
+    EXPECT_TRUE(ConvertIn(CONVERT_THREADS_AUTO, src, 300, tmp) == alone);
+    if (UsableProcessors() > 1) {
+        EXPECT_EQ(StagedDecoder::Staged(), staged + 1);
+    }
+    ProcessorPool& pool = ProcessorPool::Shared();
+    int held = 0;
+    while (pool.TryTakeOne()) ++held;
+    const std::uint64_t waits = pool.Waits();
+    std::vector<std::string> outputs(static_cast<size_t>(std::min(held, 14) + 2));
     std::vector<std::thread> threads;
     for (size_t i = 0; i < outputs.size(); ++i) {
         threads.emplace_back([&, i] {
             const std::string dst = tmp.Path("dst" + std::to_string(i) + ".jpg");
-            Outcome r = Convert(src, dst, 300, 85, HASH_MD5);
+            const Outcome r = Convert(src, dst, 300, 85, HASH_MD5);
             outputs[i] = r.result == CR_OK ? ReadFileBytes(dst) : "";
         });
     }
+    while (pool.Waits() < waits + outputs.size()) std::this_thread::yield();
+    for (int i = 0; i < held; ++i) pool.GiveOne();
     for (std::thread& t : threads) t.join();
     for (const std::string& out : outputs) EXPECT_TRUE(out == alone.bytes);
 }

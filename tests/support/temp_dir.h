@@ -3,6 +3,9 @@
 // Files for tests: a private temporary folder, whole-file reads, and a capture of the log.
 
 #include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <algorithm>
 #include <filesystem>
@@ -81,6 +84,38 @@ class LogCapture {
 
   private:
     TempDir m_dir;
+};
+
+// What this process writes on its standard error (the JPEG library's messages among it) for the
+// lifetime of the object, kept in a private file instead.
+class StderrCapture {
+  public:
+    StderrCapture() : m_saved(dup(2)) {
+        std::fflush(stderr);
+        std::FILE* file = std::fopen(m_dir.Path("stderr").c_str(), "w");
+        dup2(fileno(file), 2);
+        std::fclose(file);
+    }
+    ~StderrCapture() { Restore(); }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+
+    // Ends the capture and returns what was written.
+    std::string Text() {
+        Restore();
+        return ReadFileBytes(m_dir.Path("stderr"));
+    }
+
+  private:
+    void Restore() {
+        if (m_saved < 0) return;
+        std::fflush(stderr);
+        dup2(m_saved, 2);
+        close(m_saved);
+        m_saved = -1;
+    }
+    TempDir m_dir;
+    int m_saved;
 };
 
 }  // namespace Varnelo
