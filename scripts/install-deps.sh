@@ -8,17 +8,9 @@ packages=(
     libjpeg62-turbo-dev
     libgtest-dev
     libbenchmark-dev
-    clang libclang-rt-14-dev
+    clang
     scdoc man-db dpkg-dev lintian
 )
-
-missing=()
-for p in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
-        missing+=("$p")
-    fi
-done
-[ ${#missing[@]} -eq 0 ] && exit 0
 
 if [ "$(id -u)" -eq 0 ]; then
     sudo=()
@@ -26,5 +18,26 @@ else
     sudo=(sudo)
 fi
 export DEBIAN_FRONTEND=noninteractive
-"${sudo[@]}" apt-get update -qq
-"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+updated=false
+
+# Installs those of the packages named that are missing.
+install() {
+    local missing=() p
+    for p in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+            missing+=("$p")
+        fi
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    if [ "$updated" = false ]; then
+        "${sudo[@]}" apt-get update -qq
+        updated=true
+    fi
+    "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+install "${packages[@]}"
+# The fuzzers link clang's own runtime, packaged per clang version (libclang-rt-14-dev beside
+# Debian 12's clang 14): the one for the clang installed.
+clang_major=$(clang -dumpversion | cut -d. -f1)
+install "libclang-rt-${clang_major}-dev"

@@ -154,6 +154,11 @@ void CServer::Delete() {
     instance = nullptr;
 }
 
+// One worker more than the processors online (processor_pool.h says which count is which). The
+// workers run requests; the conversions inside them are limited to one per usable processor by
+// the processor pool, which every conversion holds a processor of while it runs: so the spare
+// worker answers a request that converts nothing (a handshake, a deletion) at once, and the one
+// that converts waits for a processor instead of sharing one.
 CServer::CServer()
     : m_queue(4096),
       m_pool(m_queue, GetNumOfCores() + 1),
