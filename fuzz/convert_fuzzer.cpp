@@ -15,6 +15,7 @@
 // jpeglib.h needs size_t and FILE declared before it.
 #include <jpeglib.h>
 
+#include "coefficient_ring.h"
 #include "converter.h"
 #include "fsutils.h"
 #include "fuzz_support.h"
@@ -97,10 +98,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                    bytes != o.bytes;
         }
     };
-    Outcome outcomes[2];
-    const ConvertThreads modes[2] = {CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED};
-    for (int m = 0; m < 2; ++m) {
+    // One thread, staged, and staged on a library that breaks the ring's contract at a point the
+    // input chooses (its first request, or an iMCU row), which must fall back unseen.
+    Outcome outcomes[3];
+    const ConvertThreads modes[3] = {CONVERT_THREADS_ONE, CONVERT_THREADS_STAGED,
+                                     CONVERT_THREADS_STAGED};
+    for (int m = 0; m < 3; ++m) {
         SetConvertThreads(modes[m]);
+        if (m == 2) {
+            CoefficientRing::InjectContractBreakForTesting(
+                (data[0] & 4) != 0 ? CoefficientRing::READER : CoefficientRing::WRITER,
+                (data[4] >> 2) - 1);
+        }
         scratch.Reset({{"src.jpg", source}});
         Outcome& out = outcomes[m];
         Fuzz::RunOnSmallStack([&] {
@@ -127,6 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         });
     }
     SetConvertThreads(CONVERT_THREADS_AUTO);
-    if (outcomes[0] != outcomes[1]) std::abort();
+    CoefficientRing::ClearContractBreakForTesting();
+    if (outcomes[0] != outcomes[1] || outcomes[0] != outcomes[2]) std::abort();
     return 0;
 }

@@ -89,6 +89,8 @@ void CoefficientRing::InjectContractBreakForTesting(Role role, int row) {
     g_injected.store(role * kInjectStride + (row < 0 ? -1 : row) + 2);
 }
 
+void CoefficientRing::ClearContractBreakForTesting() { g_injected.store(0); }
+
 void CoefficientRing::Fail() { m_failed.store(true, std::memory_order_release); }
 
 void CoefficientRing::BreakContract() {

@@ -78,6 +78,7 @@ class CoefficientRing {
     // a library that used the ring otherwise would: at its first request (row < 0) or at its
     // access of iMCU row `row` once absorbing is over. For tests; one break per call.
     static void InjectContractBreakForTesting(Role role, int row);
+    static void ClearContractBreakForTesting();
 
   private:
     struct Component {
