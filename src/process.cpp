@@ -52,6 +52,10 @@ void CProcess::SetHash(HashType hash) { m_hash = hash; }
 
 void CProcess::SetOmitEXIF(bool omit) { m_omitEXIF = omit; }
 
+CProcess::Paths CProcess::PathsOf(const std::string& src, const std::string& dst) {
+    return Paths{src, DestinationFile(src, dst), GetFilePath(dst)};
+}
+
 bool CProcess::ProcessAuto(const std::string& src, const std::string& dst) {
     return ProcessAutoWith(src, dst, false);
 }

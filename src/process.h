@@ -44,6 +44,13 @@ class CProcess {
     std::string GetOriginalHash() const { return m_originalHash; }
     int GetConvertResult() const { return m_convertResult; }
 
+    // What ProcessAuto and ProcessThumbnailAuto of `src` and `dst` touch when `src` is a file:
+    // the file read, the file written (by the destination rule) and the folder they create.
+    struct Paths {
+        std::string source, destination, folder;
+    };
+    static Paths PathsOf(const std::string& src, const std::string& dst);
+
     // Converts the file `src` (ConvertFile), or, when `src` is not an existing file, the first
     // "*.jpg" found under the folder `src`. True exactly when the result is CR_OK.
     bool ProcessAuto(const std::string& src, const std::string& dst);

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <vector>
 
 #include "converter.h"
 #include "fsutils.h"
 #include "installinfo.h"
 #include "log.h"
+#include "photo_order.h"
+#include "photo_scheduler.h"
 #include "process.h"
 #include "thread.h"
 
@@ -175,6 +178,50 @@ std::string FailureReason(int result, bool thumbnail) {
         default:
             return "undefined error";
     }
+}
+
+// What the answer to one image request needs of its job.
+struct ImageAnswer {
+    bool success = false;
+    int convertResult = CR_INTERNAL_ERROR;
+    int width = 0, height = 0;
+    std::string hash;
+};
+
+// Traces one image request's settings and runs its job.
+ImageAnswer ConvertImage(const ImageRequest& request, bool thumbnail) {
+    // The thumbnail method's log labels are one blank narrower than the downsample method's.
+    const std::size_t labelWidth = thumbnail ? 9 : 10;
+    const auto label = [labelWidth](const std::string& name) {
+        return "  " + name + std::string(labelWidth - name.size(), ' ');
+    };
+    log.Put(thumbnail ? "Thumbnail" : "Downsample", 13);
+    log.Put(label("src:") + request.sourcePath, 13);
+    log.Put(label("dst:") + request.destPath, 13);
+    log.Put(label("Id:") + ToString(request.imageId), 13);
+    log.Put(label("Size:") + ToString(request.resolution), 13);
+    log.Put(label("Quality:") + ToString(request.quality), 13);
+    if (!thumbnail) {
+        log.Put(label("omitEXIF:") + (request.omitEXIF ? "yes" : "no"), 13);
+        log.Put(label("hash:") + HashLogName(request.hash), 13);
+    }
+
+    CProcess job;
+    job.SetDestinationSize(request.resolution);
+    job.SetDestinationQuality(request.quality);
+    job.SetUseResizer(RESIZER_REDUCES);
+    // A thumbnail always drops EXIF and keeps the job's own hash; the request cannot change
+    // either.
+    if (!thumbnail) job.SetHash(request.hash);
+    job.SetOmitEXIF(thumbnail || request.omitEXIF);
+    ImageAnswer answer;
+    answer.success = thumbnail ? job.ProcessThumbnailAuto(request.sourcePath, request.destPath)
+                               : job.ProcessAuto(request.sourcePath, request.destPath);
+    answer.convertResult = job.GetConvertResult();
+    answer.width = job.GetOriginalWidth();
+    answer.height = job.GetOriginalHeight();
+    answer.hash = job.GetOriginalHash();
+    return answer;
 }
 
 }  // namespace
@@ -379,48 +426,30 @@ int XMLRPC::Downsample(TiXmlElement* params) { return AnswerImages(params, false
 int XMLRPC::Thumbnail(TiXmlElement* params) { return AnswerImages(params, true); }
 
 int XMLRPC::AnswerImages(TiXmlElement* params, bool thumbnail) {
-    // The thumbnail method's log labels are one blank narrower than the downsample method's.
-    const std::size_t labelWidth = thumbnail ? 9 : 10;
-    const auto label = [labelWidth](const std::string& name) {
-        return "  " + name + std::string(labelWidth - name.size(), ' ');
-    };
-
     TiXmlElement* answers = CreateResponseHeader();
+    std::vector<ImageRequest> requests;
     for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
          param = param->NextSiblingElement()) {
         TiXmlElement* fields =
             TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
-        if (fields == nullptr) continue;
-        const ImageRequest request = ReadImageRequest(fields, thumbnail ? 72 : 640);
-
-        log.Put(thumbnail ? "Thumbnail" : "Downsample", 13);
-        log.Put(label("src:") + request.sourcePath, 13);
-        log.Put(label("dst:") + request.destPath, 13);
-        log.Put(label("Id:") + ToString(request.imageId), 13);
-        log.Put(label("Size:") + ToString(request.resolution), 13);
-        log.Put(label("Quality:") + ToString(request.quality), 13);
-        if (!thumbnail) {
-            log.Put(label("omitEXIF:") + (request.omitEXIF ? "yes" : "no"), 13);
-            log.Put(label("hash:") + HashLogName(request.hash), 13);
-        }
-
-        CProcess job;
-        job.SetDestinationSize(request.resolution);
-        job.SetDestinationQuality(request.quality);
-        job.SetUseResizer(RESIZER_REDUCES);
-        // A thumbnail always drops EXIF and keeps the job's own hash; the request cannot
-        // change either.
-        if (!thumbnail) job.SetHash(request.hash);
-        job.SetOmitEXIF(thumbnail || request.omitEXIF);
-        const bool success = thumbnail
-                                 ? job.ProcessThumbnailAuto(request.sourcePath, request.destPath)
-                                 : job.ProcessAuto(request.sourcePath, request.destPath);
-
+        if (fields != nullptr) requests.push_back(ReadImageRequest(fields, thumbnail ? 72 : 640));
+    }
+    // The photos run side by side where they can (photo_scheduler.h), each answer in a slot of
+    // its own; the answers are given in request order.
+    std::vector<CProcess::Paths> paths;
+    for (const ImageRequest& request : requests) {
+        paths.push_back(CProcess::PathsOf(request.sourcePath, request.destPath));
+    }
+    std::vector<ImageAnswer> results(requests.size());
+    RunPhotos(requests.size(), PhotosToWaitFor(paths),
+              [&](std::size_t i) { results[i] = ConvertImage(requests[i], thumbnail); });
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        const ImageAnswer& result = results[i];
         TiXmlElement* answer = AddStruct(AddValue(AddParam(answers)));
-        AddIntValue(AddMember(answer), request.imageId, "imageId");
-        AddBooleanValue(AddMember(answer), success, "success");
-        if (!success) {
-            AddStringValue(AddMember(answer), FailureReason(job.GetConvertResult(), thumbnail),
+        AddIntValue(AddMember(answer), requests[i].imageId, "imageId");
+        AddBooleanValue(AddMember(answer), result.success, "success");
+        if (!result.success) {
+            AddStringValue(AddMember(answer), FailureReason(result.convertResult, thumbnail),
                            "failureReason");
         } else if (!thumbnail) {
             TiXmlElement* original = AddMember(answer);
@@ -429,9 +458,9 @@ int XMLRPC::AnswerImages(TiXmlElement* params, bool thumbnail) {
             TiXmlElement* resolution = AddMember(originalFields);
             AddName(resolution, "resolution");
             TiXmlElement* size = AddStruct(AddValue(resolution));
-            AddIntValue(AddMember(size), job.GetOriginalWidth(), "width");
-            AddIntValue(AddMember(size), job.GetOriginalHeight(), "height");
-            AddStringValue(AddMember(originalFields), job.GetOriginalHash(), "hash");
+            AddIntValue(AddMember(size), result.width, "width");
+            AddIntValue(AddMember(size), result.height, "height");
+            AddStringValue(AddMember(originalFields), result.hash, "hash");
         }
     }
     return 1;

@@ -71,6 +71,39 @@ TEST(ServerTest, ExitMidRequestDropsItButQueuedWorkIsAnswered) {
     EXPECT_FALSE(FileExists(semaphore)) << "the semaphore goes with the service";
 }
 
+// Whatever comes while a request of many photos runs side by side (an "exit" line, a close
+// request then the end of input, or the end of input alone, which stops nothing), the request
+// runs to its end: every photo answered, every copy whole; the service then stops in order.
+class StopDuringManyPhotosTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(StopDuringManyPhotosTest, AnswersTheRequestWholeAndStopsInOrder) {
+    TempDir tmp;
+    JpegShape shape{1600, 1200};
+    shape.photographic = true;
+    const std::string src = tmp.Write("p.jpg", EncodeJpeg(shape));
+    std::string params;
+    for (int i = 0; i < 12; ++i) params += ImageParam(i, src, tmp.Path(ToString(i) + ".jpg"));
+    ServiceProcess service(VARNELO_BIN);
+    service.Send(Request("upload.downsampleRequest", params));
+    const std::string how = GetParam();
+    if (how == "exit") service.Send("exit\n");
+    if (how == "close") service.Send(kClose);
+    service.CloseInput();
+    std::vector<std::string> responses = service.ReadResponses(how == "close" ? 2 : 1);
+    responses.erase(std::remove(responses.begin(), responses.end(), kDone), responses.end());
+    ASSERT_EQ(responses.size(), 1u);
+    const std::vector<ImageAnswer> answers = ImageAnswers(responses[0]);
+    ASSERT_EQ(answers.size(), 12u);
+    for (int i = 0; i < 12; ++i) {
+        EXPECT_EQ(answers[i].values.at("success"), "1") << i;
+        EXPECT_EQ(DecodeJpeg(ReadFileBytes(tmp.Path(ToString(i) + ".jpg"))).width, 640) << i;
+    }
+    EXPECT_EQ(service.Wait(how == "end" ? 300 : 10000), how == "end" ? -1 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, StopDuringManyPhotosTest, ::testing::Values("exit", "end", "close"),
+                         [](const auto& p) { return std::string(p.param); });
+
 TEST(ServerTest, OversizedRequestIsDroppedAndTheNextOneAnswered) {
     PrivateService copy;
     ServiceProcess service(copy.Binary(), {"-l", "9"});

@@ -130,8 +130,11 @@ std::vector<ImageAnswer> ImageAnswers(const std::string& response) {
     if (doc.Error() || params == nullptr) return answers;
     for (TiXmlElement* param = params->FirstChildElement("param"); param != nullptr;
          param = param->NextSiblingElement("param")) {
+        TiXmlElement* fields =
+            TiXmlHandle(param).FirstChildElement("value").FirstChildElement("struct").Element();
+        if (fields == nullptr) return {};  // not an image method's answer
         answers.emplace_back();
-        Collect(param->FirstChildElement("value")->FirstChildElement("struct"), "", answers.back());
+        Collect(fields, "", answers.back());
     }
     return answers;
 }
