@@ -131,6 +131,15 @@ done
       request upload.downsampleRequest "$i" "$corpus/batch-$i.jpg" "$out/batch-$i.jpg" 1600 85
   done
   echo exit; } >"$work/batch.req"
+# The same 16 photos as one request, a param per line.
+{ printf '<?xml version="1.0"?>\n<methodCall><methodName>upload.downsampleRequest</methodName><params>\n'
+  for i in $(seq -w 1 16); do
+      printf '<param><value><struct>%s%s%s%s%s</struct></value></param>\n' \
+          "$(member imageId i4 "$i")" "$(member sourcePath string "$corpus/batch-$i.jpg")" \
+          "$(member destPath string "$out/request-$i.jpg")" "$(member resolution i4 1600)" \
+          "$(member quality i4 85)"
+  done
+  printf '</params></methodCall>\n*\nexit\n'; } >"$work/request16.req"
 for sh in "${shapes[@]}"; do
     { request upload.downsampleRequest 1 "$corpus/$sh.jpg" "$out/varnelo-$sh.jpg" 1600 85
       echo exit; } >"$work/one-$sh.req"
@@ -161,6 +170,7 @@ done
 scale24=$(awk 'BEGIN { printf "%.9f", 1600 / 6000 }')
 job[djpeg-batch]=$(two "$djpeg -rgb -outfile /dev/null")
 job[varnelo-batch]="$service <$work/batch.req"
+job[varnelo-request16]="$service <$work/request16.req"
 job[vips-batch]=$(two sh -c "'exec $vips resize \"\$1\" \"$out/vb-\${1##*/}[Q=85]\" $scale24 --kernel linear'" -)
 job[vipsthumbnail-batch]=$(two sh -c "'exec $vipsthumbnail \"\$1\" -s 1600 -o \"$out/tb-%s.jpg[Q=85]\"'" -)
 job[imagemagick-batch]=$(two sh -c "'exec $magick \"\$1\" -filter box -resize 1600x1600 -quality 85 \"$out/ib-\${1##*/}\"'" -)
@@ -181,7 +191,7 @@ job[vipsthumbnail-thumb]="$vipsthumbnail $corpus/p24.jpg -s 160 -o $out/vipsthum
 run_once() { # label [memory]
     local label=$1 line=${job[$1]}
     if [ $# -gt 1 ]; then
-        if ! "$timer" -f %M -o "$work/rss" sh -c "$line" >/dev/null 2>"$work/stderr"; then
+        if ! "$timer" -f '%M %U %S' -o "$work/rss" sh -c "$line" >/dev/null 2>"$work/stderr"; then
             echo "bench: $label failed:" >&2
             cat "$work/stderr" >&2
             exit 1
@@ -223,13 +233,14 @@ for sh in "${shapes[@]}"; do
 done
 
 echo "== peak memory, one run of each (also warms the page cache)"
-for t in "${single[@]}" "${batch[@]}" "${shaped[@]}" varnelo-thumb vipsthumbnail-thumb; do
+for t in "${single[@]}" "${batch[@]}" varnelo-request16 "${shaped[@]}" varnelo-thumb \
+    vipsthumbnail-thumb; do
     run_once "$t" memory
 done
 echo "== one photo at a time ($single_rounds rounds)"
 run_rounds "$single_rounds" "${single[@]}"
 echo "== 16 photos at once, two at a time for the peers ($batch_rounds rounds)"
-run_rounds "$batch_rounds" "${batch[@]}"
+run_rounds "$batch_rounds" "${batch[@]}" varnelo-request16
 echo "== other shapes of photo, one at a time ($single_rounds rounds) and 16 at once ($batch_rounds)"
 run_rounds "$single_rounds" "${shaped[@]}"
 run_rounds "$batch_rounds" "${shaped_batch[@]}"
@@ -244,6 +255,8 @@ median() {
               print (NR % 2) ? v[m] : (v[m] + v[m + 1]) / 2 }'
 }
 peak() { awk -v l="$1" '$1 == l { print $2; exit }' "$memfile"; }
+# cpu LABEL: the processor seconds (user and system) of its memory run.
+cpu() { awk -v l="$1" '$1 == l { print $3 + $4; exit }' "$memfile"; }
 # ratio A B: the median over rounds of A's time divided by B's in the same round.
 ratio() {
     awk -v a="$1" -v b="$2" '$1 == a { x[++na] = $2 } $1 == b { y[++nb] = $2 }
@@ -270,6 +283,11 @@ batch_djpeg=$(inverse "$(ratio varnelo-batch djpeg-batch)")
 batch_vips=$(inverse "$(ratio varnelo-batch vips-batch)")
 peak24=$(mib "$(peak varnelo-24)")
 thumbs=$(inverse "$(ratio varnelo-thumb vipsthumbnail-thumb)")
+request_vs_requests=$(ratio varnelo-request16 varnelo-batch)
+request_djpeg=$(inverse "$(ratio varnelo-request16 djpeg-batch)")
+# The model's inputs: processor seconds per photo in a request of 16, and one photo alone.
+cpu_photo=$(awk -v c="$(cpu varnelo-request16)" 'BEGIN { printf "%.3f", c / 16 }')
+alone=$(median varnelo-24)
 
 results="$root/bench/RESULTS.md"
 {
@@ -318,6 +336,35 @@ results="$root/bench/RESULTS.md"
     echo "varnelo gets all 16 requests at once and runs them on its worker threads; every other"
     echo "command runs two at a time (\`xargs -P 2\`, one photo per process)."
     echo
+    echo "## 16 photos as 16 requests or as one request"
+    echo
+    echo "| varnelo gets | wall time | throughput vs djpeg two at a time | peak memory |"
+    echo "|---|---:|---:|---:|"
+    echo "| 16 requests of one photo | $(ms "$(median varnelo-batch)") ms | ${batch_djpeg}x | $(mib "$(peak varnelo-batch)") MiB |"
+    echo "| one request of 16 photos | $(ms "$(median varnelo-request16)") ms | ${request_djpeg}x | $(mib "$(peak varnelo-request16)") MiB |"
+    echo
+    echo "One request of 16 takes ${request_vs_requests}x the time of 16 requests: the worker that"
+    echo "executes it starts the request's next photos on helper threads while a processor is idle,"
+    echo "each answered, written and traced as one photo after another would be."
+    echo
+    echo "### What more processors would give (a model)"
+    echo
+    echo "Measured here: $cpu_photo processor seconds per photo in the request of 16, and"
+    echo "$(ms "$alone") ms for one photo alone. The model assumes that a request of N photos on P"
+    echo "processors runs one conversion per processor (the pool's rule) with nothing else to do,"
+    echo "that a conversion's processor time does not grow with P (no memory bandwidth, disk or"
+    echo "turbo limit), and that the last photos take at least the time of one photo alone. Then it"
+    echo "takes about max(N x $cpu_photo s / P, $(ms "$alone") ms), where photos run one after another"
+    echo "it took N x $(ms "$alone") ms whatever P."
+    echo
+    echo "| processors | one request of 16, side by side | one photo after another | gain |"
+    echo "|---:|---:|---:|---:|"
+    for p in 2 4 8 16; do
+        awk -v p="$p" -v c="$cpu_photo" -v a="$alone" 'BEGIN {
+            t = 16 * c / p; if (t < a) t = a; s = 16 * a;
+            printf "| %d | %.0f ms | %.0f ms | %.1fx |\n", p, t * 1000, s * 1000, s / t }'
+    done
+    echo
     echo "## Other shapes of 24 MP photo, against djpeg"
     echo
     echo "| photo | size | djpeg | varnelo | one photo vs floor | 16 at once: throughput vs djpeg | peak memory |"
@@ -353,6 +400,8 @@ results="$root/bench/RESULTS.md"
     echo "| 16 photos: at least 2.5x the throughput of vips resize two at a time | ${batch_vips}x | $(check "$batch_vips" ">=" 2.5) |"
     echo "| peak memory converting one 24 MP photo: at most 8 MiB | $peak24 MiB | $(check "$peak24" "<=" 8) |"
     echo "| thumbnails: at least 20x faster than vipsthumbnail | ${thumbs}x | $(check "$thumbs" ">=" 20) |"
+    echo "| one request of 16 photos: at most 1.05x the time of 16 requests | ${request_vs_requests}x | $(check "$request_vs_requests" "<=" 1.05) |"
+    echo "| one request of 16 photos: at least 0.92x the throughput of djpeg two at a time | ${request_djpeg}x | $(check "$request_djpeg" ">=" 0.92) |"
     echo
     echo "![Time per photo relative to the djpeg floor](results.svg)"
 } >"$results"
@@ -362,11 +411,12 @@ data="$work/chart.dat"
 declare -A name=([djpeg]="djpeg (floor)" [varnelo]=varnelo [vips]="vips resize"
                  [vipsthumbnail]=vipsthumbnail [imagemagick]=ImageMagick
                  [graphicsmagick]=GraphicsMagick)
-for t in "${tools[@]}"; do
-    echo "\"${name[$t]}\" $(ratio "$t-24" djpeg-24) $(ratio "$t-batch" djpeg-batch)"
-done >"$data"
+{ for t in "${tools[@]}"; do
+      echo "\"${name[$t]}\" $(ratio "$t-24" djpeg-24) $(ratio "$t-batch" djpeg-batch)"
+  done
+  echo "\"varnelo, one request of 16\" NaN $(ratio varnelo-request16 djpeg-batch)"; } >"$data"
 "$gnuplot" <<EOF
-set terminal svg size 900,450 dynamic font "sans,13" background rgb "white"
+set terminal svg size 1000,450 dynamic font "sans,13" background rgb "white"
 set output "$root/bench/results.svg"
 set title "24-megapixel JPEG to 1600 pixels: time per photo relative to djpeg decoding it"
 set style data histograms
@@ -381,7 +431,7 @@ set key top left reverse Left
 set xtics nomirror scale 0
 set ylabel "time / djpeg time (lower is better)"
 plot "$data" using 2:xtic(1) title "one photo at a time" lc rgb "#4477aa", \\
-     "" using 3 title "16 photos, two at a time (varnelo: all at once)" lc rgb "#ee7733"
+     "" using 3 title "16 photos, two at a time (varnelo: 16 requests at once, or one request)" lc rgb "#ee7733"
 EOF
 
 echo "== wrote $results and bench/results.svg"
