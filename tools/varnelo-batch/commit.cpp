@@ -176,6 +176,7 @@ void Finisher::Dropped(Photo& photo, bool thumbnail) {
     Output& output = thumbnail ? photo.thumb : photo.copy;
     unlink(output.temp.c_str());
     output.status = Status::NOT_PROCESSED;
+    output.reason.clear();
 }
 
 std::string Finisher::Finish(Photo& photo, bool thumbnail, const std::string& guard, Status& made) {

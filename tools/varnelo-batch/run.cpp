@@ -182,11 +182,11 @@ int Run(const Invocation& invocation) {
     std::error_code ec;
     const std::string outDir = fs::weakly_canonical(fs::absolute(options.outDir, ec), ec).string();
     std::string problem;
-    Discovery found = Discover(options, outDir, problem);
-    if (!problem.empty()) return BadUsage(problem);
     if (!options.report.empty() && !options.dryRun && !CheckReportPath(options.report, problem)) {
         return Fail(problem);
     }
+    Discovery found = Discover(options, outDir, problem);
+    if (!problem.empty()) return BadUsage(problem);
     if (!options.dryRun) {
         fs::create_directories(outDir, ec);
         if (ec || !fs::is_directory(outDir, ec)) {
