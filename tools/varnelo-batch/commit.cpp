@@ -195,7 +195,8 @@ std::string Finisher::Finish(Photo& photo, bool thumbnail, const std::string& gu
     if (output.guarded) {
         // The file in the way stays, and counts as made here, only if it is what this run made.
         std::string ours, theirs;
-        if (!ReadAll(output.temp, ours) || !ReadAll(output.path, theirs) || ours != theirs) {
+        if (!ReadAll(output.temp, ours) || ours.size() != output.before.size ||
+            !ReadAll(output.path, theirs) || ours != theirs) {
             return InTheWay(guard, made, thumbnail);
         }
         record.file = IdentifyOutput(output.path);
