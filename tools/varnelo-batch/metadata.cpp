@@ -436,6 +436,21 @@ std::string ExtensionSegments(const std::string& guid, const std::string& serial
     return out;
 }
 
+// Puts `xmp` in place of the main packet, segment `piece`, or drops it when nothing is left.
+std::string FinishXmp(const Exiv2::XmpData& xmp, std::size_t piece, Editor& edit) {
+    if (xmp.empty()) {
+        edit.Drop(piece);
+        return "";
+    }
+    std::string packet;
+    if (Exiv2::XmpParser::encode(packet, xmp, Exiv2::XmpParser::useCompactFormat) != 0) {
+        return "its XMP packet cannot be written";
+    }
+    if (kXmpId.size() + packet.size() > kMaxPayload) return "its XMP packet is too large to write";
+    edit.Replace(piece, MakeSegment(0xE1, kXmpId + packet));
+    return "";
+}
+
 // Rewrites the XMP segments `main` and `extension` of `jpeg` for a copy; the failure, or empty.
 // Left as they are unless something must go: location on request, descriptions of what the
 // copy does not have. Only the extension the main packet names belongs to the photo's XMP; when
@@ -483,6 +498,12 @@ std::string RewriteXmp(const std::string& jpeg, const JpegLayout& layout,
                 return "its extended XMP cannot be read";
             }
             if (Prune(more, true)) {
+                for (std::size_t i : ours) edit.Drop(i);
+                changed = true;
+                if (more.empty()) {
+                    xmp.erase(xmp.findKey(Exiv2::XmpKey("Xmp.xmpNote.HasExtendedXMP")));
+                    return FinishXmp(xmp, main[0], edit);
+                }
                 std::string serial;
                 if (Exiv2::XmpParser::encode(serial, more,
                                              Exiv2::XmpParser::omitPacketWrapper |
@@ -490,25 +511,12 @@ std::string RewriteXmp(const std::string& jpeg, const JpegLayout& layout,
                     return "its extended XMP cannot be written";
                 }
                 const std::string guid = Md5Of(serial, true);
-                for (std::size_t i : ours) edit.Drop(i);
                 edit.Replace(ours[0], ExtensionSegments(guid, serial));
                 xmp["Xmp.xmpNote.HasExtendedXMP"] = guid;
-                changed = true;
             }
         }
     }
-    if (!changed) return "";
-    if (xmp.empty()) {
-        edit.Drop(main[0]);
-        return "";
-    }
-    std::string packet;
-    if (Exiv2::XmpParser::encode(packet, xmp, Exiv2::XmpParser::useCompactFormat) != 0) {
-        return "its XMP packet cannot be written";
-    }
-    if (kXmpId.size() + packet.size() > kMaxPayload) return "its XMP packet is too large to write";
-    edit.Replace(main[0], MakeSegment(0xE1, kXmpId + packet));
-    return "";
+    return changed ? FinishXmp(xmp, main[0], edit) : "";
 }
 
 // ---------------------------------------------------------------------------------------------
