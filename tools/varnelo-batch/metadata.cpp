@@ -48,18 +48,29 @@ void LockXmp(void* mutex, bool lock) {
 // output is its own, so they are muted: what matters comes back as exceptions and results. Its
 // XMP toolkit keeps one table of namespaces, which parsing a packet with a namespace it does
 // not know adds to: the toolkit is started once, before any parse, with a lock that serialises
-// those additions. The namespaces the rewrite looks for get fixed prefixes here.
+// those additions.
 void StartLibrary() {
     static std::once_flag once;
     std::call_once(once, [] {
         Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
         Exiv2::LogMsg::setHandler(nullptr);
         Exiv2::XmpParser::initialize(LockXmp, &g_xmpLock);
-        Exiv2::XmpProperties::registerNs(kXmpNoteNs, "xmpNote");
-        Exiv2::XmpProperties::registerNs(kGainMapNs, "hdrgm");
-        Exiv2::XmpProperties::registerNs(kContainerNs, "Container");
-        Exiv2::XmpProperties::registerNs(kCameraNs, "GCamera");
     });
+}
+
+// Held from the parse of a packet to the writing of what is left of it.
+std::mutex g_xmpWork;
+
+// Forgets the namespaces that earlier packets added. A packet may bind a prefix the library
+// knows (photoshop, say) to a namespace of its own, and the library keeps that binding for
+// every later packet, whose place names would then no longer be known by their namespace. The
+// namespaces looked for here get fixed prefixes again. REQUIRES: g_xmpWork held.
+void ResetNamespaces() {
+    Exiv2::XmpProperties::unregisterNs();
+    Exiv2::XmpProperties::registerNs(kXmpNoteNs, "xmpNote");
+    Exiv2::XmpProperties::registerNs(kGainMapNs, "hdrgm");
+    Exiv2::XmpProperties::registerNs(kContainerNs, "Container");
+    Exiv2::XmpProperties::registerNs(kCameraNs, "GCamera");
 }
 
 const Exiv2::byte* Bytes(const std::string& s) {
@@ -339,39 +350,57 @@ std::string OrientationSegment(int orientation) {
 // ---------------------------------------------------------------------------------------------
 // XMP.
 
-// The namespace and the top-level property of an XMP key such as
-// "Xmp.iptcExt.LocationShown[1]/Iptc4xmpExt:City".
-void NameOf(const Exiv2::Xmpdatum& datum, std::string& ns, std::string& property) {
-    ns = Exiv2::XmpProperties::ns(datum.groupName());
-    property = datum.tagName();
-    property = property.substr(0, property.find_first_of("[/?"));
-}
+// An XMP property: the prefix of its key, the namespace that prefix stands for, and its
+// top-level name ("LocationShown" in "Xmp.iptcExt.LocationShown[1]/Iptc4xmpExt:City"). A
+// property counts as in a namespace when either its prefix is the one the library gives that
+// namespace or its namespace is that one: a packet may bind a known prefix to another
+// namespace, and then only the two together leave nothing out.
+struct XmpName {
+    std::string prefix, ns, property;
 
-bool XmpPlacesPhoto(const std::string& ns, const std::string& property) {
-    static const std::set<std::pair<std::string, std::string>> kPlaces = {
-        {"http://ns.adobe.com/photoshop/1.0/", "City"},
-        {"http://ns.adobe.com/photoshop/1.0/", "State"},
-        {"http://ns.adobe.com/photoshop/1.0/", "Country"},
-        {"http://iptc.org/std/Iptc4xmpCore/1.0/xmlns/", "Location"},
-        {"http://iptc.org/std/Iptc4xmpCore/1.0/xmlns/", "CountryCode"},
-        {"http://iptc.org/std/Iptc4xmpExt/2008-02-29/", "LocationShown"},
-        {"http://iptc.org/std/Iptc4xmpExt/2008-02-29/", "LocationCreated"},
-        {"http://ns.adobe.com/xmp/1.0/DynamicMedia/", "shotLocation"}};
-    if (ns == "http://ns.adobe.com/exif/1.0/" || ns == "http://cipa.jp/exif/1.0/") {
-        if (property.compare(0, 3, "GPS") == 0) {
-            return property != "GPSTimeStamp" && property != "GPSVersionID";
+    explicit XmpName(const Exiv2::Xmpdatum& datum) : prefix(datum.groupName()) {
+        try {
+            ns = Exiv2::XmpProperties::ns(prefix);
+        } catch (const std::exception&) {
+        }
+        property = datum.tagName();
+        property = property.substr(0, property.find_first_of("[/?"));
+    }
+    bool In(const char* knownPrefix, const char* uri) const {
+        return prefix == knownPrefix || ns == uri;
+    }
+};
+
+bool XmpPlacesPhoto(const XmpName& name) {
+    static const struct {
+        const char *prefix, *uri, *property;
+    } kPlaces[] = {{"photoshop", "http://ns.adobe.com/photoshop/1.0/", "City"},
+                   {"photoshop", "http://ns.adobe.com/photoshop/1.0/", "State"},
+                   {"photoshop", "http://ns.adobe.com/photoshop/1.0/", "Country"},
+                   {"iptc", "http://iptc.org/std/Iptc4xmpCore/1.0/xmlns/", "Location"},
+                   {"iptc", "http://iptc.org/std/Iptc4xmpCore/1.0/xmlns/", "CountryCode"},
+                   {"iptcExt", "http://iptc.org/std/Iptc4xmpExt/2008-02-29/", "LocationShown"},
+                   {"iptcExt", "http://iptc.org/std/Iptc4xmpExt/2008-02-29/", "LocationCreated"},
+                   {"xmpDM", "http://ns.adobe.com/xmp/1.0/DynamicMedia/", "shotLocation"}};
+    if (name.In("exif", "http://ns.adobe.com/exif/1.0/") ||
+        name.In("exifEX", "http://cipa.jp/exif/1.0/")) {
+        if (name.property.compare(0, 3, "GPS") == 0) {
+            return name.property != "GPSTimeStamp" && name.property != "GPSVersionID";
         }
     }
+    for (const auto& place : kPlaces) {
+        if (name.property == place.property && name.In(place.prefix, place.uri)) return true;
+    }
     // Serial numbers, for the reason given with the EXIF fields.
-    return kPlaces.count({ns, property}) != 0 || property.find("SerialNumber") != std::string::npos;
+    return name.property.find("SerialNumber") != std::string::npos;
 }
 
 // What describes images that are not in a copy: a gain map and the container directory that
 // locates it and other images after the end of the image, or a motion photo's video there.
-bool XmpDescribesAppended(const std::string& ns, const std::string& property) {
-    if (ns == kGainMapNs || ns == kContainerNs) return true;
-    return ns == kCameraNs && (property.compare(0, 10, "MicroVideo") == 0 ||
-                               property.compare(0, 11, "MotionPhoto") == 0);
+bool XmpDescribesAppended(const XmpName& name) {
+    if (name.In("hdrgm", kGainMapNs) || name.In("Container", kContainerNs)) return true;
+    return name.In("GCamera", kCameraNs) && (name.property.compare(0, 10, "MicroVideo") == 0 ||
+                                             name.property.compare(0, 11, "MotionPhoto") == 0);
 }
 
 bool MentionsAppended(const std::string& packet) {
@@ -384,10 +413,9 @@ bool MentionsAppended(const std::string& packet) {
 // Removes what a copy must not carry from `xmp`; whether anything went.
 bool Prune(Exiv2::XmpData& xmp, bool stripLocation) {
     bool removed = false;
-    std::string ns, property;
     for (auto it = xmp.begin(); it != xmp.end();) {
-        NameOf(*it, ns, property);
-        if (XmpDescribesAppended(ns, property) || (stripLocation && XmpPlacesPhoto(ns, property))) {
+        const XmpName name(*it);
+        if (XmpDescribesAppended(name) || (stripLocation && XmpPlacesPhoto(name))) {
             it = xmp.erase(it);
             removed = true;
         } else {
@@ -461,6 +489,8 @@ std::string RewriteXmp(const std::string& jpeg, const JpegLayout& layout,
                        std::vector<std::string>& lost) {
     for (std::size_t k = 1; k < main.size(); ++k) edit.Drop(main[k]);
     if (main.size() > 1) lost.push_back("a second XMP packet");
+    std::lock_guard<std::mutex> lock(g_xmpWork);
+    ResetNamespaces();
     Exiv2::XmpData xmp;
     bool changed = false;
     std::string named;
