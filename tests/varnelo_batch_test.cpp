@@ -17,6 +17,7 @@
 #include "support/jpeg_fixtures.h"
 #include "support/service_process.h"
 #include "support/temp_dir.h"
+#include "varnelo-batch/metadata.h"
 
 namespace fs = std::filesystem;
 
@@ -311,13 +312,56 @@ TEST_F(BatchTest, DryRunForetellsTheRunAndPruneRemovesOnlyWhatThisRunNoLongerMak
     EXPECT_TRUE(fs::exists(out + "/square.jpg"));
 }
 
+TEST_F(BatchTest, CopiesAndThumbnailsCarryTheMetadataChosen) {
+    using namespace std::string_literals;
+    // Turned a quarter, with a colour profile (a header and one tag), XMP and a comment.
+    const std::string exif =
+        "Exif\0\0MM\0*\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0\0"s;
+    const std::string icc = "ICC_PROFILE\0\1\1\0\0\0\x9Cnone\x02\x10\0\0mntrRGB XYZ "s +
+                            std::string(12, '\0') + "acsp" + std::string(88, '\0') +
+                            "\0\0\0\1cprt\0\0\0\x90\0\0\0\x0Ctext\0\0\0\0ok\0\0"s;
+    const std::vector<Segment> segments = {{0xE1, exif},
+                                           {0xE1, "http://ns.adobe.com/xap/1.0/\0<x:xmpmeta/>"s},
+                                           {0xE2, icc},
+                                           {0xFE, "hello"}};
+    Put("big.jpg", EncodeJpeg({200, 150}, segments));
+    Put("small.jpg", EncodeJpeg({40, 30}, segments));
+    auto markers = [&icc](const std::string& path) {
+        std::string list;
+        for (const Segment& s : ReadSegments(ReadFileBytes(path))) {
+            list +=
+                s.marker == 0xE2 ? (s.data == icc ? " icc" : " other") : " " + s.data.substr(0, 4);
+        }
+        return list;
+    };
+    // By default a copy keeps every segment, and a thumbnail the profile and the Orientation.
+    EXPECT_EQ(Run({"--size", "64", "--thumbnails", in, "-o", out}).first, 0);
+    EXPECT_EQ(markers(out + "/big.jpg"), " JFIF Exif http icc hell");
+    EXPECT_EQ(markers(out + "/big_thumb.jpg"), " Exif icc");
+    EXPECT_EQ(ReadOrientation(out + "/big_thumb.jpg"), 6);
+
+    // A choice rewrites converted and copied photos alike; a photo whose metadata cannot be
+    // read fails, and nothing takes its name.
+    Put("bad.jpg", EncodeJpeg({200, 150}, {{0xE1, "Exif\0\0MM\0*\0\0\0\xF0"s}}));
+    const std::string kept = tmp.Path("kept");
+    const auto [status, err] =
+        Run({"--size", "64", "--keep", "exif,icc", "--report", report, in, "-o", kept});
+    EXPECT_EQ(status, 1) << err;
+    for (const char* name : {"/big.jpg", "/small.jpg"}) {
+        EXPECT_EQ(markers(kept + name), " JFIF Exif icc") << name;
+        EXPECT_EQ(ReadOrientation(kept + name), 6) << name;
+    }
+    EXPECT_EQ(ReadCsv(report)[in + "/bad.jpg"]["reason"].rfind("metadata: ", 0), 0u);
+    EXPECT_FALSE(fs::exists(kept + "/bad.jpg"));
+}
+
 TEST_F(BatchTest, KilledAtAnyMomentLeavesNoPartialCopyAndAReRunFinishes) {
     const std::string photo = EncodeJpeg({1600, 1200, JpegKind::COLOUR_420, false, 90, true});
     for (int i = 0; i < 40; ++i) Put("p" + std::to_string(i) + ".jpg", photo);
     std::mt19937 random(std::random_device{}());
     for (int kill = 0; kill < 6; ++kill) {
         ServiceProcess batch(kBatch, {"--service", VARNELO_BIN, "-q", "--thumbnails", "--size",
-                                      "500", in, "-o", out});
+                                      "500", "--omit-exif", in, "-o", out});
         usleep(std::uniform_int_distribution<int>(0, 400000)(random));
         ::kill(batch.pid(), SIGKILL);
         batch.Wait();
@@ -329,7 +373,7 @@ TEST_F(BatchTest, KilledAtAnyMomentLeavesNoPartialCopyAndAReRunFinishes) {
         }
     }
     const auto [status, err] =
-        Run({"--thumbnails", "--size", "500", "--report", report, in, "-o", out});
+        Run({"--thumbnails", "--size", "500", "--omit-exif", "--report", report, in, "-o", out});
     EXPECT_EQ(status, 0) << err;
     EXPECT_EQ(Files(out).size(), 80u);  // no temporary file left
     for (const auto& [source, row] : ReadCsv(report)) {

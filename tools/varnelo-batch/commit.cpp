@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "orientation.h"
 #include "plan.h"
 #include "sniff.h"
 
@@ -71,28 +70,22 @@ std::string WriteAll(const std::string& path, const std::string& bytes, bool cre
     return "";
 }
 
-// Adds the photo's Orientation to the thumbnail at `path` when the photo is turned.
-std::string MakeUpright(Photo& photo, const std::string& path) {
-    if (photo.orientation < 0) photo.orientation = ReadOrientation(photo.source);
-    if (photo.orientation < 2) return "";
-    std::string jpeg;
-    if (!ReadAll(path, jpeg)) return std::string("cannot read the file: ") + std::strerror(errno);
-    if (!AddOrientation(jpeg, photo.orientation)) return "the service wrote no JPEG";
-    return WriteAll(path, jpeg, false);
-}
-
-// Gives the file at `output.temp` the metadata the run asks for.
-std::string Dress(Photo& photo, bool thumbnail, Output& output, const MetadataChoice& choice) {
-    if (thumbnail) return MakeUpright(photo, output.temp);
-    if (!choice.Rewrites()) return "";
+// Gives the file at `output.temp` the metadata the run asks for: a copy its photo's segments
+// rewritten by the choice (unless it keeps them all, as the service copied them), a thumbnail
+// the photo's colour profile and Orientation.
+std::string Dress(const Photo& photo, bool thumbnail, Output& output,
+                  const MetadataChoice& choice) {
+    if (!thumbnail && !choice.Rewrites()) return "";
     std::string jpeg;
     if (!ReadAll(output.temp, jpeg)) {
         return std::string("cannot read the file: ") + std::strerror(errno);
     }
-    const MetadataOutcome outcome = RewriteMetadata(jpeg, choice);
-    if (!outcome.failure.empty()) return "cannot rewrite the metadata: " + outcome.failure;
+    const MetadataOutcome outcome = thumbnail
+                                        ? DressThumbnail(jpeg, ReadJpegHead(photo.source), choice)
+                                        : RewriteMetadata(jpeg, choice);
+    if (!outcome.failure.empty()) return "metadata: " + outcome.failure;
     for (const std::string& lost : outcome.lost) {
-        output.reason += (output.reason.empty() ? "" : "; ") + lost;
+        output.reason += (output.reason.empty() ? "could not keep " : "; could not keep ") + lost;
     }
     return WriteAll(output.temp, jpeg, false);
 }

@@ -300,7 +300,8 @@ std::string CopySettings(const Options& options) {
 
 std::string ThumbSettings(const Options& options) {
     return "thumbnail size=" + std::to_string(options.thumbSize) +
-           " quality=" + std::to_string(options.quality);
+           " quality=" + std::to_string(options.quality) +
+           ((options.metadata.keep & KEEP_ICC) != 0 ? " profile=kept" : " profile=dropped");
 }
 
 // Runs before the metadata choice recorded a copy that kept all of it as "exif=kept", which

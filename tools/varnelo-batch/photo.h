@@ -93,7 +93,6 @@ struct Photo {
     std::string problem;             // set when the input cannot be read: the photo fails with it
     FileKind kind = FileKind::JPEG;  // what the file's first bytes say it is
     Output copy, thumb;              // thumb.path is empty without --thumbnails
-    int orientation = -1;            // EXIF Orientation of the source, read when first needed
 
     // The photo's own status: its copy's, unless discovery settled it.
     Status Overall() const;
