@@ -33,9 +33,9 @@ std::string VisibleCause(const std::string& folder) {
     if (access(folder.c_str(), W_OK) != 0 && (errno == EACCES || errno == EROFS)) {
         return "the output folder '" + folder + "' is not writable";
     }
-    struct statvfs fs;
-    if (statvfs(folder.c_str(), &fs) == 0 &&
-        static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize < kLowSpace) {
+    struct statvfs space;
+    if (statvfs(folder.c_str(), &space) == 0 &&
+        static_cast<unsigned long long>(space.f_bavail) * space.f_frsize < kLowSpace) {
         return "no space left on the output file system";
     }
     return "";
