@@ -21,6 +21,14 @@ _varnelo_batch() {
             COMPREPLY=($(compgen -W 'crc32 md5 none' -- "$cur"))
             return
             ;;
+        --keep)
+            # A comma-separated list: complete its last word.
+            local done=${cur%"${cur##*,}"}
+            compopt -o nospace
+            COMPREPLY=($(compgen -P "$done" -W 'exif xmp iptc icc comment other all none' \
+                -- "${cur##*,}"))
+            return
+            ;;
         --size | --quality | --thumb-size | -j | --jobs)
             return
             ;;
@@ -28,9 +36,9 @@ _varnelo_batch() {
 
     if [[ $cur == -* ]]; then
         COMPREPLY=($(compgen -W '-r --recursive --hidden -0 --null -o --output --size
-            --quality --omit-exif --thumbnails --thumb-size --overwrite -n --dry-run
-            --report --hash -q --quiet -v --verbose -j --jobs --service -h --help
-            --version' -- "$cur"))
+            --skip-small --quality --keep --strip-location --omit-exif --thumbnails
+            --thumb-size --overwrite --prune -n --dry-run --report --hash -q --quiet -v
+            --verbose -j --jobs --service -h --help --version' -- "$cur"))
         return
     fi
     compopt -o filenames

@@ -1,10 +1,13 @@
 // Writes the seed corpus of every fuzz target: requests of every method and shape, EXIF blocks
-// in both byte orders with broken offsets, and conversions of JPEGs of every kind the fixtures
-// make. Seeds are generated, never stored.
+// in both byte orders with broken offsets, conversions of JPEGs of every kind the fixtures
+// make, and photos with every kind of metadata segment under several choices. Seeds are
+// generated, never stored.
 //
-// usage: varnelo-fuzz-seeds FOLDER   (writes FOLDER/request, FOLDER/exif, FOLDER/convert)
+// usage: varnelo-fuzz-seeds FOLDER   (writes FOLDER/request, FOLDER/exif, FOLDER/convert,
+//        FOLDER/metadata)
 
 #include <cstdio>
+#include <exiv2/exiv2.hpp>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -123,6 +126,93 @@ std::vector<std::string> Conversions() {
     return seeds;
 }
 
+std::string Big16(std::size_t v) { return {static_cast<char>(v >> 8), static_cast<char>(v & 255)}; }
+std::string Big32(std::size_t v) { return Big16(v >> 16) + Big16(v & 0xFFFF); }
+
+// A camera's EXIF block with a thumbnail, a serial number and a GPS position and time.
+std::string CameraExif() {
+    Exiv2::ExifData exif;
+    exif["Exif.Image.Make"] = "Canon";
+    exif["Exif.Image.Model"] = "Canon EOS 40D";
+    exif["Exif.Image.Orientation"] = uint16_t(6);
+    exif["Exif.Photo.DateTimeOriginal"] = "2024:05:01 10:00:00";
+    exif["Exif.Photo.PixelXDimension"] = uint32_t(640);
+    exif["Exif.Photo.BodySerialNumber"] = "1234567";
+    exif["Exif.Iop.InteroperabilityIndex"] = "R03";
+    exif["Exif.GPSInfo.GPSLatitudeRef"] = "N";
+    exif["Exif.GPSInfo.GPSLatitude"].setValue("41/1 53/1 0/1");
+    exif["Exif.GPSInfo.GPSTimeStamp"].setValue("10/1 0/1 0/1");
+    const std::string thumbnail = EncodeJpeg({16, 12});
+    Exiv2::ExifThumb(exif).setJpegThumbnail(reinterpret_cast<const Exiv2::byte*>(thumbnail.data()),
+                                            static_cast<long>(thumbnail.size()));
+    Exiv2::Blob blob;
+    Exiv2::ExifParser::encode(blob, Exiv2::littleEndian, exif);
+    return std::string("Exif\0\0", 6) + std::string(blob.begin(), blob.end());
+}
+
+std::string Resource(unsigned id, const std::string& data) {
+    return "8BIM" + Big16(id) + std::string(2, '\0') + Big32(data.size()) + data +
+           (data.size() % 2 ? std::string(1, '\0') : "");
+}
+
+// Every kind of metadata segment, as the metadata target's list: marker byte, length, bytes.
+std::string MetadataSegments() {
+    const std::string rdf =
+        "<x:xmpmeta xmlns:x='adobe:ns:meta/'><rdf:RDF "
+        "xmlns:rdf='http://www.w3.org/1999/02/22-rdf-syntax-ns#'><rdf:Description rdf:about='' "
+        "xmlns:photoshop='http://ns.adobe.com/photoshop/1.0/' "
+        "xmlns:exif='http://ns.adobe.com/exif/1.0/' xmlns:xmpNote='http://ns.adobe.com/xmp/note/' ";
+    const std::string extension = rdf + "photoshop:Country='Italy'/></rdf:RDF></x:xmpmeta>";
+    const std::string guid = "0123456789ABCDEF0123456789ABCDEF";
+    Exiv2::IptcData iptc;
+    iptc["Iptc.Application2.City"] = "Rome";
+    iptc["Iptc.Application2.Caption"] = "Holiday";
+    const Exiv2::DataBuf encoded = Exiv2::IptcParser::encode(iptc);
+    const std::string iptcBlock(reinterpret_cast<const char*>(encoded.pData_), encoded.size_);
+    const std::vector<std::pair<int, std::string>> segments = {
+        {0xE1, CameraExif()},
+        {0xE1, std::string("http://ns.adobe.com/xap/1.0/\0", 29) + rdf +
+                   "photoshop:City='Rome' exif:GPSLatitude='41,53.0N' xmpNote:HasExtendedXMP='" +
+                   guid + "'/></rdf:RDF></x:xmpmeta>"},
+        {0xE1, std::string("http://ns.adobe.com/xmp/extension/\0", 35) + guid +
+                   Big32(extension.size()) + Big32(0) + extension},
+        {0xED, std::string("Photoshop 3.0\0", 14) + Resource(0x0404, iptcBlock) +
+                   Resource(0x040C, EncodeJpeg({8, 8}))},
+        {0xE2, std::string("ICC_PROFILE\0\1\1", 14) + std::string(128, '\3')},
+        {0xE2, std::string("MPF\0II*\0\10\0\0\0", 12)},
+        {0xE5, "vendor"},
+        {0xFE, "comment"}};
+    std::string list;
+    for (const auto& segment : segments) {
+        list += static_cast<char>(segment.first == 0xFE ? 0x10 : segment.first & 0x0F);
+        list += Big16(segment.second.size()) + segment.second;
+    }
+    return list;
+}
+
+std::vector<std::string> Metadata() {
+    const std::string segments = MetadataSegments();
+    std::vector<std::string> seeds;
+    // Everything and the location, nothing, EXIF and ICC, XMP and IPTC without the location.
+    for (unsigned char choice : {0x7F, 0x00, 0x09, 0x46}) {
+        seeds.push_back(std::string(1, static_cast<char>(choice)) + segments);
+    }
+    // The same photo as a whole file.
+    std::string file = EncodeJpeg({16, 16}).substr(0, 20);
+    for (std::size_t at = 0; at < segments.size();) {
+        const std::size_t length = static_cast<unsigned char>(segments[at + 1]) << 8 |
+                                   static_cast<unsigned char>(segments[at + 2]);
+        const int code = static_cast<unsigned char>(segments[at]);
+        file += "\xFF" + std::string(1, static_cast<char>(code & 0x10 ? 0xFE : 0xE0 | code)) +
+                Big16(length + 2) + segments.substr(at + 3, length);
+        at += 3 + length;
+    }
+    file += EncodeJpeg({16, 16}, {}).substr(20) + EncodeJpeg({8, 8});
+    seeds.push_back("\xFF" + file);
+    seeds.push_back(std::string(1, '\x80') + EncodeJpeg({24, 16, JpegKind::COLOUR_444, true}));
+    return seeds;
+}
+
 bool WriteAll(const std::string& folder, const std::vector<std::string>& seeds) {
     std::filesystem::create_directories(folder);
     for (std::size_t i = 0; i < seeds.size(); ++i) {
@@ -141,9 +231,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string folder = argv[1];
-    const bool ok = WriteAll(folder + "/request", Requests()) &&
-                    WriteAll(folder + "/exif", ExifBlocks()) &&
-                    WriteAll(folder + "/convert", Conversions());
+    const bool ok =
+        WriteAll(folder + "/request", Requests()) && WriteAll(folder + "/exif", ExifBlocks()) &&
+        WriteAll(folder + "/convert", Conversions()) && WriteAll(folder + "/metadata", Metadata());
     if (!ok) std::fprintf(stderr, "%s: cannot write into %s\n", argv[0], argv[1]);
     return ok ? 0 : 1;
 }

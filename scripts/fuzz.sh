@@ -16,7 +16,7 @@ seconds=${1:-60}
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 build="$root/build-fuzz"
-targets=(request request-guard exif convert)
+targets=(request request-guard exif convert metadata)
 [ $# -le 1 ] || targets=("${@:2}")
 
 scripts/install-deps.sh

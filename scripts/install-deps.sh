@@ -6,10 +6,12 @@ packages=(
     g++ cmake pkg-config
     libtinyxml-dev
     libjpeg62-turbo-dev
+    libexiv2-dev
     libgtest-dev
     libbenchmark-dev
     clang
     scdoc man-db dpkg-dev lintian
+    libimage-exiftool-perl  # the tests' independent reader of the metadata varnelo-batch writes
 )
 
 if [ "$(id -u)" -eq 0 ]; then

@@ -20,7 +20,7 @@ deb=$(scripts/package.sh "$scratch/dist" | tail -1)
 lintian --fail-on error "$deb" 2>&1 | grep -v 'running with root privileges' || true
 lintian --fail-on error "$deb" >/dev/null 2>&1 || fail "lintian reports errors"
 depends=$(dpkg-deb -f "$deb" Depends)
-for library in libjpeg62-turbo libtinyxml; do
+for library in libjpeg62-turbo libtinyxml libexiv2; do
     [[ $depends == *"$library"* ]] || fail "Depends lacks $library: $depends"
 done
 

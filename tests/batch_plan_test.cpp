@@ -1,5 +1,5 @@
-// varnelo-batch's plan and books: the names of the outputs, what an earlier run's books make
-// of the files found at them, and the books read back after a run was killed.
+// varnelo-batch's plan and state: the names of the outputs, what an earlier run's state makes
+// of the files found at them, and the state read back after a run was killed.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -40,7 +40,7 @@ class BatchPlanTest : public ::testing::Test {
         return photos;
     }
 
-    // Books the copy of `photo` as if a run had just made it.
+    // Records the copy of `photo` as if a run had just made it.
     void Made(const Photo& photo, const std::string& settings) {
         tmp.Write("out/" + fs::path(photo.copy.path).filename().string(), "copy");
         StateFile state(out);
@@ -60,7 +60,7 @@ class BatchPlanTest : public ::testing::Test {
     PlanRules rules = {out, "shown", false, false, "copy size=100", "thumbnail size=72"};
 };
 
-TEST_F(BatchPlanTest, NamesEachOutputOnceAndKeepsTheNamesOfTheBooks) {
+TEST_F(BatchPlanTest, NamesEachOutputOnceAndKeepsTheNamesOfTheState) {
     rules.thumbnails = true;
     std::vector<Photo> photos =
         Plan({Source("b.JPEG"), Source("b.jpg"), Source("sub/c.jpeg"), Source("b_thumb.jpg")});
@@ -71,7 +71,7 @@ TEST_F(BatchPlanTest, NamesEachOutputOnceAndKeepsTheNamesOfTheBooks) {
     EXPECT_EQ(photos[3].copy.path, out + "/b_thumb-2.jpg");  // b_thumb.jpg is b.jpg's thumbnail
     EXPECT_EQ(fs::path(photos[0].copy.temp).parent_path(), out);
 
-    // Once b.JPEG has its copy booked as b.jpg, it keeps that name, even beside b.jpg.
+    // Once b.JPEG has its copy recorded as b.jpg, it keeps that name, even beside b.jpg.
     rules.thumbnails = false;
     Photo first = Plan({Source("b.JPEG")})[0];
     Made(first, rules.copySettings);
@@ -87,34 +87,46 @@ TEST_F(BatchPlanTest, TakesOnlyFilesItMadeFromTheSamePhoto) {
     tmp.Write("out/user.jpg", "a person's file");
     Photo user = Source("user.jpg");
 
+    // A file it did not make is guarded: the new copy may take its name only as its equal.
     std::vector<Photo> photos = Plan({a, user});
     EXPECT_EQ(photos[0].copy.status, Status::UP_TO_DATE);
-    EXPECT_EQ(photos[1].copy.status, Status::FAILED);
+    EXPECT_TRUE(photos[1].copy.guarded);
     EXPECT_NE(photos[1].copy.reason.find("not made by varnelo-batch"), std::string::npos);
-    EXPECT_EQ(Plan({user}, true)[0].copy.status, Status::PENDING);  // --overwrite
+    EXPECT_FALSE(Plan({user}, true)[0].copy.guarded);  // --overwrite
 
-    // Another photo that would take a's copy fails: the copy is a's.
+    // Another photo that would take a's copy is guarded too: the copy is a's.
     Photo other = Source("x/a.jpg");
     other.relative = "a.jpg";
     photos = Plan({other});
-    EXPECT_EQ(photos[0].copy.status, Status::FAILED);
+    EXPECT_TRUE(photos[0].copy.guarded);
     EXPECT_NE(photos[0].copy.reason.find("holds the copy of another photo"), std::string::npos);
 
-    // Other settings, a changed photo, or a copy changed by hand: made again, or refused.
+    // Other settings, a changed photo, or a copy changed by hand: made again, or guarded.
     rules.copySettings = "copy size=200";
     EXPECT_EQ(Plan({a})[0].copy.status, Status::PENDING);
     rules.copySettings = "copy size=100";
     Photo changed = Source("a.jpg");
     changed.file.mtimeNs += 1;
-    EXPECT_EQ(Plan({changed})[0].copy.status, Status::PENDING);
+    photos = Plan({changed});
+    EXPECT_EQ(photos[0].copy.status, Status::PENDING);
+    EXPECT_FALSE(photos[0].copy.guarded);
     tmp.Write("out/a.jpg", "edited by hand");
-    EXPECT_EQ(Plan({a})[0].copy.status, Status::FAILED);
+    EXPECT_TRUE(Plan({a})[0].copy.guarded);
+
+    // Copies that kept all metadata before the choice existed stay; those without it do not.
+    const Photo b = Plan({Source("b.jpg")})[0];
+    Made(b, "copy size=100 quality=85 exif=kept hash=md5");
+    rules.copySettings = "copy size=100 quality=85 metadata=all hash=md5";
+    EXPECT_EQ(Plan({b})[0].copy.status, Status::UP_TO_DATE);
+    Made(b, "copy size=100 quality=85 exif=orientation hash=md5");
+    rules.copySettings = "copy size=100 quality=85 metadata=icc hash=md5";
+    EXPECT_EQ(Plan({b})[0].copy.status, Status::PENDING);
 }
 
-TEST_F(BatchPlanTest, BooksOfAKilledRunStillExplainEveryFile) {
+TEST_F(BatchPlanTest, StateOfAKilledRunStillExplainsEveryFile) {
     const Photo a = Plan({Source("a.jpg")})[0];
     Made(a, "old");
-    // A record booked before a rename that never happened, then a line cut by the kill.
+    // A record written before a rename that never happened, then a line cut by the kill.
     Record unfinished;
     unfinished.output = "a.jpg";
     unfinished.source = a.source;

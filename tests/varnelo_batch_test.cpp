@@ -17,6 +17,7 @@
 #include "support/jpeg_fixtures.h"
 #include "support/service_process.h"
 #include "support/temp_dir.h"
+#include "varnelo-batch/metadata.h"
 
 namespace fs = std::filesystem;
 
@@ -29,10 +30,21 @@ using Row = std::map<std::string, std::string>;
 
 std::string Jpeg(int width, int height) { return EncodeJpeg({width, height}); }
 
+// The fields of a CSV line; a quoted field may hold commas and doubled quotes.
 std::vector<std::string> Split(const std::string& line) {
-    std::vector<std::string> fields;
-    std::istringstream in(line + ",");
-    for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
+    std::vector<std::string> fields(1);
+    bool quoted = false;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '"' && quoted && i + 1 < line.size() && line[i + 1] == '"') {
+            fields.back() += line[++i];
+        } else if (line[i] == '"') {
+            quoted = !quoted;
+        } else if (line[i] == ',' && !quoted) {
+            fields.emplace_back();
+        } else {
+            fields.back() += line[i];
+        }
+    }
     return fields;
 }
 
@@ -54,7 +66,7 @@ class BatchTest : public ::testing::Test {
         return {status, batch.Stderr()};
     }
 
-    // The CSV report's rows by source; each source must come once.
+    // The CSV report's rows by source (a stale file's by its name); each must come once.
     std::map<std::string, Row> ReadCsv(const std::string& path) {
         const std::vector<std::string> lines = Lines(ReadFileBytes(path));
         std::map<std::string, Row> rows;
@@ -65,12 +77,15 @@ class BatchTest : public ::testing::Test {
             for (std::size_t c = 0; c < names.size() && c < values.size(); ++c) {
                 row[names[c]] = values[c];
             }
-            EXPECT_TRUE(rows.emplace(row["source"], row).second) << "twice: " << row["source"];
+            // A stale file is known by its name; its photo may have a row of its own.
+            const bool stale = row["status"] == "stale" || row["status"] == "pruned";
+            const std::string key = stale ? row["output"] : row["source"];
+            EXPECT_TRUE(rows.emplace(key, row).second) << "twice: " << key;
         }
         return rows;
     }
 
-    // The files under `folder`, relative to it, but the books.
+    // The files under `folder`, relative to it, but the state.
     static std::set<std::string> Files(const std::string& folder) {
         std::set<std::string> files;
         std::error_code ec;
@@ -119,16 +134,18 @@ TEST_F(BatchTest, ConvertsATreeAsItIsOnDiskAndReportsEveryPhotoOnce) {
         {Put("a.jpg", Jpeg(800, 600)), "a.jpg", 800, 600},
         {Put("sub/b.JPEG", Jpeg(300, 400)), "sub/b-2.jpg", 300, 400},
         {Put("sub/b.jpg", Jpeg(500, 250)), "sub/b.jpg", 500, 250}};
+    const std::string small = Put("small.jpg", Jpeg(150, 100));
     const std::map<std::string, std::string> others = {
-        {Put("small.jpg", Jpeg(150, 100)), "too_small"},
-        {Put("corrupt.jpg", TruncateInScan(Jpeg(800, 600))), "failed"},
+        {small, "copied"},
+        {Put("corrupt.jpg", TruncateInScan(Jpeg(800, 600))), "converted_with_warnings"},
         {Put("fake.jpg", "not a photo"), "failed"},
+        {Put("shot.png", "\x89PNG\r\n\x1A\n\0\0\0\rIHDR"), "not_jpeg"},
         {in + "/sub/link.jpg", "duplicate"},  // a link to a.jpg, reached after it
         {in + "/z-hard.jpg", "duplicate"},    // a second name of sub/b.jpg
         {tmp.Path("missing.jpg"), "failed"}};
     fs::create_symlink("../a.jpg", in + "/sub/link.jpg");
     fs::create_hard_link(in + "/sub/b.jpg", in + "/z-hard.jpg");
-    // Hidden names, a NAS's thumbnail folder and files that are not .jpg are left alone.
+    // Hidden names, a NAS's thumbnail folder and files that are not images are left alone.
     Put(".hidden/h.jpg", Jpeg(800, 600));
     Put("@eaDir/e.jpg", Jpeg(800, 600));
     Put("._a.jpg", "resource fork");
@@ -137,13 +154,18 @@ TEST_F(BatchTest, ConvertsATreeAsItIsOnDiskAndReportsEveryPhotoOnce) {
     const auto [status, err] = Run({"-r", "--size", "200", "--hash", "crc32", "--thumbnails",
                                     "--report", report, in, tmp.Path("missing.jpg"), "-o", out});
     EXPECT_EQ(status, 1) << err;
-    EXPECT_NE(err.find("too small to reduce"), std::string::npos) << err;
+    EXPECT_NE(err.find("not JPEG                     1  (1 PNG)"), std::string::npos) << err;
     EXPECT_NE(err.find("\n    " + tmp.Path("missing.jpg") + ": cannot read"), std::string::npos)
         << err;
     std::map<std::string, Row> rows = ReadCsv(report);
     EXPECT_EQ(rows.size(), converted.size() + others.size());
 
-    std::set<std::string> expected = {"small_thumb.jpg"};  // thumbnails need only 72 pixels
+    // A photo not larger than --size is copied byte for byte; a cut one keeps what was read.
+    std::set<std::string> expected = {"small.jpg", "small_thumb.jpg", "corrupt.jpg",
+                                      "corrupt_thumb.jpg"};
+    EXPECT_EQ(ReadFileBytes(out + "/small.jpg"), ReadFileBytes(small));
+    EXPECT_EQ(rows[small]["width"] + "x" + rows[small]["height"] + " " + rows[small]["hash"],
+              "150x100 " + TailCrc32(small));
     for (const Converted& c : converted) {
         Row& row = rows[c.source];
         const std::string copy = out + "/" + c.output;
@@ -164,8 +186,9 @@ TEST_F(BatchTest, ConvertsATreeAsItIsOnDiskAndReportsEveryPhotoOnce) {
     }
     for (const auto& [source, state] : others) EXPECT_EQ(rows[source]["status"], state) << source;
     EXPECT_EQ(rows[in + "/sub/link.jpg"]["reason"], "same file as " + in + "/a.jpg");
-    EXPECT_EQ(rows[in + "/corrupt.jpg"]["reason"], "jpeg library warning(s)");
-    // Nothing for photos too small or broken, no temporary file left.
+    EXPECT_EQ(rows[in + "/fake.jpg"]["reason"], "not an image");
+    EXPECT_EQ(rows[in + "/shot.png"]["reason"], "a PNG image");
+    // Nothing for photos that failed, no temporary file left.
     EXPECT_EQ(Files(out), expected);
 }
 
@@ -181,8 +204,9 @@ TEST_F(BatchTest, ReRunsOnlyWhatChangedAndNeverTakesAPersonsFile) {
     EXPECT_EQ(status, 1);
     // -q: one line for the one failure, and nothing else.
     EXPECT_EQ(err, "varnelo-batch: " + in + "/d.jpg: '" + out +
-                       "/d.jpg' exists and was not made by varnelo-batch "
-                       "from this photo (--overwrite replaces it)\n");
+                       "/d.jpg' exists and was not made by varnelo-batch from this photo, and "
+                       "differs from what this run makes (--overwrite replaces it with the "
+                       "copy)\n");
     EXPECT_EQ(ReadFileBytes(mine), "a person's own file");
     const std::vector<std::string> lines = Lines(ReadFileBytes(jsonl));
     ASSERT_EQ(lines.size(), 4u);
@@ -191,11 +215,7 @@ TEST_F(BatchTest, ReRunsOnlyWhatChangedAndNeverTakesAPersonsFile) {
     EXPECT_NE(lines[2].find("\"status\":\"converted\""), std::string::npos) << lines[2];
     EXPECT_NE(lines[3].find("\"status\":\"failed\""), std::string::npos) << lines[3];
 
-    // A dry run lists and changes nothing; other settings make everything again, and
-    // --overwrite takes the person's file.
-    std::tie(status, err) = Run({"-n", "--size", "90", in, "-o", out});
-    EXPECT_EQ(status, 1) << err;
-    EXPECT_EQ(ReadFileBytes(mine), "a person's own file");
+    // Other settings make everything again, and --overwrite takes the person's file.
     std::tie(status, err) = Run({"--size", "90", "--overwrite", "--report", jsonl, in, "-o", out});
     EXPECT_EQ(status, 0) << err;
     EXPECT_EQ(DecodeJpeg(ReadFileBytes(mine)).width, 90);
@@ -207,7 +227,128 @@ TEST_F(BatchTest, ReRunsOnlyWhatChangedAndNeverTakesAPersonsFile) {
     list.Send(in + "/a.jpg" + std::string(1, '\0') + in + "/b.jpg");
     list.CloseInput();
     EXPECT_EQ(list.Wait(), 0) << list.Stderr();
-    EXPECT_EQ(Lines(list.ReadRest()).back(), "0 to convert, 2 up to date, 0 failing, 0 duplicate");
+    EXPECT_EQ(Lines(list.ReadRest()).back(), "0 to convert, 2 up to date");
+}
+
+// What a dry run foresees, by source: "convert", "copy", "up to date", ... and for the stale
+// files it would remove, "remove" by the file.
+std::map<std::string, std::string> Forecast(const std::string& text) {
+    std::map<std::string, std::string> words;
+    for (const std::string& line : Lines(text)) {
+        if (line.size() < 13 || line[11] != ' ') continue;  // the counts
+        std::string word = line.substr(0, 11), file = line.substr(12);
+        word.erase(word.find_last_not_of(' ') + 1);
+        words[file.substr(0, file.find_first_of(" :"))] = word;
+    }
+    return words;
+}
+
+TEST_F(BatchTest, DryRunForetellsTheRunAndPruneRemovesOnlyWhatThisRunNoLongerMakes) {
+    // Around the size rule at --size 32: only the widths are compared, neither side below 8.
+    Put("wide.jpg", Jpeg(40, 30));
+    Put("narrow.jpg", Jpeg(8, 1000));  // stays 8 wide: copied
+    Put("thin.jpg", Jpeg(5, 1000));    // raised to 8: converted
+    Put("square.jpg", Jpeg(32, 32));
+    const std::string gone = Put("gone.jpg", Jpeg(64, 48));
+    const std::string edited = Put("edited.jpg", Jpeg(64, 48));
+    const std::string elsewhere = tmp.Path("elsewhere");
+    fs::create_directories(elsewhere);
+    std::ofstream(elsewhere + "/e.jpg") << Jpeg(64, 48);
+    // Each dry run must name what the run after it does.
+    const std::map<std::string, std::string> expected = {
+        {"convert", "converted"}, {"copy", "copied"},
+        {"adopt", "adopted"},     {"up to date", "up_to_date"},
+        {"skip", "too_small"},    {"remove", "pruned"},
+        {"stale", "stale"}};
+    auto foreseen = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), "-n");
+        ServiceProcess dry(kBatch, args);
+        dry.Wait();
+        std::map<std::string, std::string> words = Forecast(dry.ReadRest());
+        args.erase(args.begin());
+        args.insert(args.begin(), {"--report", report});
+        Run(args);
+        for (const auto& [key, row] : ReadCsv(report)) {
+            EXPECT_EQ(expected.at(words[key]), row.at("status")) << key;
+            words.erase(key);
+        }
+        EXPECT_TRUE(words.empty()) << words.begin()->first;
+        return ReadCsv(report);
+    };
+    foreseen({"--size", "32", in, elsewhere, "-o", out});
+    EXPECT_EQ(ReadFileBytes(out + "/narrow.jpg"), ReadFileBytes(in + "/narrow.jpg"));
+
+    // A copy put there by hand is adopted; a photo gone from the folder searched loses its
+    // copy, but not one gone from elsewhere, nor one whose copy was edited since.
+    fs::remove(gone);
+    fs::remove(edited);
+    fs::remove(elsewhere + "/e.jpg");
+    std::ofstream(out + "/edited.jpg", std::ios::app) << "edited";
+    const std::string added = Put("added.jpg", Jpeg(20, 20));
+    fs::copy_file(added, out + "/added.jpg");
+    auto rows = foreseen({"--size", "32", "--prune", in, "-o", out});
+    EXPECT_EQ(rows[in + "/added.jpg"]["status"], "adopted");
+    EXPECT_EQ(rows[out + "/gone.jpg"]["source"], gone);
+    EXPECT_FALSE(fs::exists(out + "/gone.jpg"));
+    EXPECT_TRUE(fs::exists(out + "/edited.jpg") && fs::exists(out + "/e.jpg"));
+
+    // Grown out of --size: with --skip-small a copy is stale, without it one is copied.
+    rows = foreseen({"--size", "40", "--skip-small", in, "-o", out});
+    EXPECT_EQ(rows[in + "/wide.jpg"]["status"], "too_small");
+    EXPECT_EQ(DecodeJpeg(ReadFileBytes(out + "/wide.jpg")).width, 32);
+    foreseen({"--size", "40", in, "-o", out});
+    EXPECT_EQ(ReadFileBytes(out + "/wide.jpg"), ReadFileBytes(in + "/wide.jpg"));
+
+    // After a read error, --prune removes nothing.
+    fs::remove(in + "/square.jpg");
+    const auto [status, err] = Run({"--size", "40", "--prune", in, tmp.Path("none"), "-o", out});
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(err.find("nothing pruned: an input or a folder could not be read"), std::string::npos)
+        << err;
+    EXPECT_TRUE(fs::exists(out + "/square.jpg"));
+}
+
+TEST_F(BatchTest, CopiesAndThumbnailsCarryTheMetadataChosen) {
+    using namespace std::string_literals;
+    // Turned a quarter, with a colour profile (a header and one tag), XMP and a comment.
+    const std::string exif =
+        "Exif\0\0MM\0*\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0\0"s;
+    const std::string icc = "ICC_PROFILE\0\1\1\0\0\0\x9Cnone\x02\x10\0\0mntrRGB XYZ "s +
+                            std::string(12, '\0') + "acsp" + std::string(88, '\0') +
+                            "\0\0\0\1cprt\0\0\0\x90\0\0\0\x0Ctext\0\0\0\0ok\0\0"s;
+    const std::vector<Segment> segments = {{0xE1, exif},
+                                           {0xE1, "http://ns.adobe.com/xap/1.0/\0<x:xmpmeta/>"s},
+                                           {0xE2, icc},
+                                           {0xFE, "hello"}};
+    Put("big.jpg", EncodeJpeg({200, 150}, segments));
+    Put("small.jpg", EncodeJpeg({40, 30}, segments));
+    auto markers = [&icc](const std::string& path) {
+        std::string list;
+        for (const Segment& s : ReadSegments(ReadFileBytes(path))) {
+            list +=
+                s.marker == 0xE2 ? (s.data == icc ? " icc" : " other") : " " + s.data.substr(0, 4);
+        }
+        return list;
+    };
+    // By default a copy keeps every segment, and a thumbnail the profile and the Orientation.
+    EXPECT_EQ(Run({"--size", "64", "--thumbnails", in, "-o", out}).first, 0);
+    EXPECT_EQ(markers(out + "/big.jpg"), " JFIF Exif http icc hell");
+    EXPECT_EQ(markers(out + "/big_thumb.jpg"), " Exif icc");
+    EXPECT_EQ(ReadOrientation(out + "/big_thumb.jpg"), 6);
+
+    // A choice rewrites converted and copied photos alike; a photo whose metadata cannot be
+    // read fails, and nothing takes its name.
+    Put("bad.jpg", EncodeJpeg({200, 150}, {{0xE1, "Exif\0\0MM\0*\0\0\0\xF0"s}}));
+    const std::string kept = tmp.Path("kept");
+    const auto [status, err] =
+        Run({"--size", "64", "--keep", "exif,icc", "--report", report, in, "-o", kept});
+    EXPECT_EQ(status, 1) << err;
+    for (const char* name : {"/big.jpg", "/small.jpg"}) {
+        EXPECT_EQ(markers(kept + name), " JFIF Exif icc") << name;
+        EXPECT_EQ(ReadOrientation(kept + name), 6) << name;
+    }
+    EXPECT_EQ(ReadCsv(report)[in + "/bad.jpg"]["reason"].rfind("metadata: ", 0), 0u);
+    EXPECT_FALSE(fs::exists(kept + "/bad.jpg"));
 }
 
 TEST_F(BatchTest, KilledAtAnyMomentLeavesNoPartialCopyAndAReRunFinishes) {
@@ -221,7 +362,7 @@ TEST_F(BatchTest, KilledAtAnyMomentLeavesNoPartialCopyAndAReRunFinishes) {
         ::kill(batch.pid(), SIGKILL);
         batch.Wait();
         for (const std::string& file : Files(out)) {
-            // Temporary copies, and the state file's books (replaced whole by a rename).
+            // Temporary copies, and the state (replaced whole by a rename).
             if (file.rfind(".varnelo-batch", 0) == 0) continue;
             const std::string bytes = ReadFileBytes(out + "/" + file);
             EXPECT_EQ(bytes.substr(bytes.size() - 2), "\xFF\xD9") << file << " after kill " << kill;

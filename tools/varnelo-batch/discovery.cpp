@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "fsutils.h"
+#include "sniff.h"
 
 namespace fs = std::filesystem;
 
@@ -40,18 +41,45 @@ Photo Problem(const std::string& shown, const std::string& problem) {
     return photo;
 }
 
+std::string Absolute(const fs::path& path) {
+    std::error_code ec;
+    const fs::path absolute = fs::absolute(path, ec);
+    return (ec ? path : absolute).lexically_normal().string();
+}
+
+// A file found, told by its first bytes: one named as a photo that is not a JPEG fails.
 Photo Found(const fs::path& path, const fs::path& relative, const FileId& id) {
     Photo photo;
     photo.shown = path.string();
-    std::error_code ec;
-    const fs::path absolute = fs::absolute(path, ec);
-    photo.source = (ec ? path : absolute).lexically_normal().string();
+    photo.source = Absolute(path);
     photo.relative = relative.lexically_normal().string();
     photo.file = id;
     if (access(photo.source.c_str(), R_OK) != 0) {
         photo.problem = std::string("cannot read the file: ") + std::strerror(errno);
+        return photo;
+    }
+    photo.kind = SniffFile(photo.source);
+    if (photo.kind == FileKind::OTHER) {
+        photo.problem = id.size == 0 ? "not an image: the file is empty" : "not an image";
+    } else if (photo.kind != FileKind::JPEG) {
+        photo.problem = "not a JPEG but " + KindText(photo.kind, photo.source);
     }
     return photo;
+}
+
+// A file of a folder that is not named as a photo: an entry only when it is an image.
+bool FoundOther(const fs::path& path, const fs::path& relative, const FileId& id,
+                std::vector<Photo>& photos) {
+    const FileKind kind = SniffFile(path.string());
+    if (kind == FileKind::OTHER || kind == FileKind::JPEG) return false;
+    Photo photo;
+    photo.shown = path.string();
+    photo.source = Absolute(path);
+    photo.relative = relative.lexically_normal().string();
+    photo.file = id;
+    photo.kind = kind;
+    photos.push_back(photo);
+    return true;
 }
 
 // Collects the photos below `folder` (its place below the input is `relative`) and the
@@ -79,6 +107,8 @@ void Walk(const fs::path& folder, const fs::path& relative, const SearchRules& r
             problems.push_back(Problem(path.string(), "cannot read: the link leads nowhere"));
         } else if (IsJpegName(path)) {
             photos.push_back(Found(path, relative / name, id));
+        } else if (id.exists && it->is_regular_file(typeError)) {
+            FoundOther(path, relative / name, id, photos);
         }
     }
     if (ec) {
@@ -109,13 +139,16 @@ FileId Identify(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? FileId::Of(st) : FileId();
 }
 
-std::vector<Photo> FindPhotos(const std::vector<std::string>& inputs, const SearchRules& rules) {
-    std::vector<Photo> all;
+Discovery FindPhotos(const std::vector<std::string>& inputs, const SearchRules& rules) {
+    Discovery found;
+    found.rules = rules;
+    std::vector<Photo>& all = found.photos;
     for (const std::string& input : inputs) {
         struct stat st;
         if (stat(input.c_str(), &st) != 0) {
             all.push_back(Problem(input, std::string("cannot read: ") + std::strerror(errno)));
         } else if (S_ISDIR(st.st_mode)) {
+            found.folders.push_back(Absolute(input));
             std::vector<Photo> photos, problems;
             Walk(input, "", rules, photos, problems);
             std::sort(photos.begin(), photos.end(), [](const Photo& a, const Photo& b) {
@@ -126,8 +159,13 @@ std::vector<Photo> FindPhotos(const std::vector<std::string>& inputs, const Sear
         } else if (!S_ISREG(st.st_mode)) {
             all.push_back(Problem(input, "not a file or a folder"));
         } else {
+            found.files.push_back(Absolute(input));
             all.push_back(Found(input, fs::path(input).filename(), Identify(input)));
         }
+    }
+    // Only what could not be read makes the search incomplete, not a file of another kind.
+    for (const Photo& photo : all) {
+        if (photo.problem.rfind("cannot read", 0) == 0) found.complete = false;
     }
     // A file reached again (a link, a second name, a folder given twice) is the same photo.
     std::map<std::pair<dev_t, ino_t>, std::string> seen;
@@ -137,7 +175,24 @@ std::vector<Photo> FindPhotos(const std::vector<std::string>& inputs, const Sear
             seen.emplace(std::make_pair(photo.file.dev, photo.file.ino), photo.shown);
         if (!fresh) photo.sameAs = at->second;
     }
-    return all;
+    return found;
+}
+
+bool Discovery::Covers(const std::string& source) const {
+    if (std::find(files.begin(), files.end(), source) != files.end()) return true;
+    if (!IsJpegName(source)) return false;
+    for (const std::string& folder : folders) {
+        const fs::path relative = fs::path(source).lexically_relative(folder);
+        if (relative.empty() || *relative.begin() == "..") continue;
+        std::size_t depth = 0;
+        bool hidden = false;
+        for (const fs::path& part : relative) {
+            ++depth;
+            hidden = hidden || IsHidden(part.string());
+        }
+        if ((depth == 1 || rules.recursive) && (rules.hidden || !hidden)) return true;
+    }
+    return false;
 }
 
 }  // namespace Varnelo

@@ -3,7 +3,9 @@
 // Finding the photos of a run: the inputs as given (files, folders, and the paths read from
 // standard input), searched as they are on disk. Hidden names are skipped unless asked for,
 // links to folders are not followed, a file reached twice is kept once, and an input or
-// folder that cannot be read becomes a failed entry instead of ending the run.
+// folder that cannot be read becomes a failed entry instead of ending the run. Every file
+// taken is told by its first bytes, so that a PNG named .jpg, or a HEIC beside the JPEGs of a
+// folder, is named for what it is.
 
 #include <cstdio>
 #include <string>
@@ -26,10 +28,26 @@ struct SearchRules {
     FileId outDir;           // never searched (exists false when it is still to be made)
 };
 
-// The photos of `inputs` in order: for each folder its .jpg and .jpeg files in natural order
-// of their place below it, each file given directly whatever its name. Later paths to a file
-// already found become DUPLICATE entries; inputs and folders that cannot be read become
-// entries with their problem set.
-std::vector<Photo> FindPhotos(const std::vector<std::string>& inputs, const SearchRules& rules);
+// What a search found, and where it looked.
+struct Discovery {
+    // For each folder its .jpg and .jpeg files and its images of other formats (NOT_JPEG
+    // entries), in natural order of their place below it; each file given directly whatever
+    // its name. Later paths to a file already found are DUPLICATE entries; inputs and folders
+    // that cannot be read, and files named as photos that are not JPEGs, are entries with their
+    // problem set.
+    std::vector<Photo> photos;
+    // Every input and every folder below them could be read.
+    bool complete = true;
+
+    // Whether the search would have taken a photo at the absolute path `source`: a file given
+    // directly, or a .jpg or .jpeg below a folder given, within the depth and names the rules
+    // allow.
+    bool Covers(const std::string& source) const;
+
+    std::vector<std::string> files, folders;  // the inputs, absolute
+    SearchRules rules;
+};
+
+Discovery FindPhotos(const std::vector<std::string>& inputs, const SearchRules& rules);
 
 }  // namespace Varnelo

@@ -46,13 +46,13 @@ Driver::Driver(const Options& options, std::vector<Photo>& photos, Finisher& fin
       m_photos(photos),
       m_finisher(finisher),
       m_progress(progress),
-      m_books(static_cast<std::size_t>(GetNumOfCores()) + 1, options.jobs),
+      m_scheduler(static_cast<std::size_t>(GetNumOfCores()) + 1, options.jobs),
       m_open(photos.size(), 0) {
     for (std::size_t i = 0; i < photos.size(); ++i) {
         for (const bool thumbnail : {false, true}) {
             const Output& output = thumbnail ? photos[i].thumb : photos[i].copy;
             if (output.status != Status::PENDING || output.temp.empty()) continue;
-            m_books.Add(i, thumbnail, photos[i].file.size);
+            m_scheduler.Add(i, thumbnail, photos[i].file.size);
             ++m_open[i];
         }
         if (m_open[i] == 0) m_progress.PhotoDone(photos[i]);
@@ -60,29 +60,27 @@ Driver::Driver(const Options& options, std::vector<Photo>& photos, Finisher& fin
 }
 
 void Driver::Run() {
-    if (!m_books.Open()) return;
-    if (!StartService()) return Settle(m_books.DropAll(m_whyNot), true);
-    while (m_books.Open() || m_closing) {
+    if (!m_scheduler.Open()) return;
+    if (!StartService()) return Settle(m_scheduler.DropAll(m_whyNot), true);
+    while (m_scheduler.Open() || Closing()) {
         if (g_interrupts > 1) {
             m_service.Kill();
             break;
         }
-        if (g_interrupts > 0 && !m_interrupted) {
-            m_interrupted = true;
+        if (g_interrupts > 0 && m_state != State::INTERRUPTED) {
             m_progress.Note(
                 "varnelo-batch: interrupted; finishing the photos already sent and closing "
                 "the service (Ctrl-C again to stop at once)");
-            if (!m_closing) BeginClose();
+            BeginClose(State::INTERRUPTED);
         }
-        if (!m_closing) {
-            if (!m_books.InFlight()) m_lastAnswer = Clock::now();
+        if (m_state == State::SENDING) {
+            if (!m_scheduler.InFlight()) m_lastAnswer = Clock::now();
             bool lost = false;
-            for (Request request; !lost && m_books.Next(request);) lost = !Send(request);
-            if (m_broken) return Settle(m_books.DropAll(m_whyNot), true);
+            for (Request request; !lost && m_scheduler.Next(request);) lost = !Send(request);
+            if (m_state == State::BROKEN) return Settle(m_scheduler.DropAll(m_whyNot), true);
             if (lost) continue;  // restarted: send again before waiting
-            if (!m_books.Open()) BeginClose();
+            if (!m_scheduler.Open()) BeginClose(State::CLOSING);
         }
-        if (m_closeAnswered && m_service.InputOpen()) m_service.CloseInput();
 
         int wait = MsUntil(m_lastAnswer + StallTimeout());
         if (m_progress.TickMs() >= 0) wait = std::min(wait, m_progress.TickMs());
@@ -95,32 +93,33 @@ void Driver::Run() {
         for (std::string response; m_service.NextResponse(response);) {
             m_lastAnswer = Clock::now();
             const Answer answer = ParseAnswer(response);
-            if (answer.kind == Answer::DONE) m_closeAnswered = true;
-            Settle(m_books.Answered(answer.images));
+            // The close is answered once all before it are: the service may end now.
+            if (answer.kind == Answer::DONE) m_service.CloseInput();
+            Settle(m_scheduler.Answered(answer.images));
         }
-        if (m_closing && !open) {
+        if (Closing() && !open) {
             const std::string how = m_service.Reap(Clock::now() + std::chrono::seconds(10));
             if (m_options.verbosity == 2) m_progress.Note("varnelo-batch: the service " + how);
             break;
         }
-        const bool waiting = m_books.InFlight() || m_closing;
+        const bool waiting = m_scheduler.InFlight() || Closing();
         if (!open || (waiting && Clock::now() >= m_lastAnswer + StallTimeout())) {
             const std::string how =
                 !open ? "ended unexpectedly: it " + m_service.Kill() : "stopped answering";
-            if (m_closing) break;  // hung in the close: what it held is not processed
+            if (Closing()) break;  // hung in the close: what it held is not processed
             ServiceLost(how);
-            if (m_broken) return Settle(m_books.DropAll(m_whyNot), true);
+            if (m_state == State::BROKEN) return Settle(m_scheduler.DropAll(m_whyNot), true);
         }
         m_progress.Tick();
     }
     m_service.Kill();
-    Settle(m_books.DropAll("not processed"));
+    Settle(m_scheduler.DropAll("not processed"));
 }
 
 void Driver::Settle(const std::vector<Settled>& settled, bool failIfDropped) {
     for (const Settled& s : settled) {
-        const std::size_t i = m_books.PhotoOf(s.id);
-        const bool thumbnail = m_books.IsThumbnail(s.id);
+        const std::size_t i = m_scheduler.PhotoOf(s.id);
+        const bool thumbnail = m_scheduler.IsThumbnail(s.id);
         if (s.processed || failIfDropped) {
             m_finisher.Answered(m_photos[i], thumbnail, s.result);
         } else {
@@ -134,7 +133,7 @@ void Driver::Settle(const std::vector<Settled>& settled, bool failIfDropped) {
 // slow machine or a sanitizer build; it only decides when a silent service is hung.
 Clock::duration Driver::StallTimeout() const {
     return std::chrono::seconds(10) +
-           std::chrono::milliseconds(m_books.BiggestInFlight() * 4000 / 1048576);
+           std::chrono::milliseconds(m_scheduler.BiggestInFlight() * 4000 / 1048576);
 }
 
 bool Driver::StartService() {
@@ -159,9 +158,7 @@ bool Driver::Handshake(std::string& why) {
         why = std::strerror(errno);
         return false;
     }
-    const std::string connect =
-        Call("upload.connect", "<params><param><value><struct/></value></param></params>\n");
-    if (!m_service.Send(connect)) {
+    if (!m_service.Send(ConnectCall())) {
         why = "it does not read its input";
         return false;
     }
@@ -184,49 +181,42 @@ bool Driver::Handshake(std::string& why) {
     return true;
 }
 
-// One image of a request; the plan made sure that every line fits the service's reader.
-std::string Driver::ImageStruct(int id) const {
-    const bool thumbnail = m_books.IsThumbnail(id);
-    const Photo& photo = m_photos[m_books.PhotoOf(id)];
-    const Options& o = m_options;
-    std::string text =
-        "<param><value><struct>\n" + Member("imageId", "i4", std::to_string(id)) + "\n" +
-        Member("sourcePath", "string", photo.source) + "\n" +
-        Member("destPath", "string", (thumbnail ? photo.thumb : photo.copy).temp) + "\n" +
-        Member("resolution", "i4", std::to_string(thumbnail ? o.thumbSize : o.size)) + "\n" +
-        Member("quality", "i4", std::to_string(o.quality)) + "\n";
-    if (!thumbnail && o.omitExif) text += Member("omitEXIF", "boolean", "1") + "\n";
-    if (!thumbnail && WireHashName(o.hash) != nullptr) {
-        text += Member("hashMethod", "string", WireHashName(o.hash)) + "\n";
-    }
-    return text + "</struct></value></param>\n";
-}
-
-// False when the service was lost on the way (it has been restarted, or m_broken set).
+// False when the service was lost on the way (it has been restarted, or is broken).
 bool Driver::Send(const Request& request) {
-    std::string params;
-    for (const int id : request.ids) params += ImageStruct(id);
-    const char* method = request.thumbnail ? "upload.thumbnailRequest" : "upload.downsampleRequest";
-    if (m_service.Send(Call(method, "<params>\n" + params + "</params>\n"))) return true;
+    std::vector<ImageOrder> images;
+    for (const int id : request.ids) {
+        const Photo& photo = m_photos[m_scheduler.PhotoOf(id)];
+        ImageOrder image;
+        image.id = id;
+        image.source = photo.source;
+        image.dest = (request.thumbnail ? photo.thumb : photo.copy).temp;
+        image.resolution = request.thumbnail ? m_options.thumbSize : m_options.size;
+        image.quality = m_options.quality;
+        image.hash = request.thumbnail ? HashChoice::NONE : m_options.hash;
+        images.push_back(image);
+    }
+    if (m_service.Send(ImageCall(request.thumbnail, images))) return true;
     ServiceLost("stopped reading requests");
     return false;
 }
 
 void Driver::ServiceLost(const std::string& how) {
     m_service.Kill();
-    const std::vector<Settled> failed = m_books.Died();
+    const std::vector<Settled> failed = m_scheduler.Died();
     Settle(failed);
     ++m_restarts;
     m_progress.Note("varnelo-batch: the service " + how + "; restarting it (" +
                     std::to_string(failed.size()) + " image" + (failed.size() == 1 ? "" : "s") +
                     " given up)");
-    m_broken = !StartService();
+    if (!StartService()) m_state = State::BROKEN;
 }
 
-void Driver::BeginClose() {
-    m_closing = true;
+void Driver::BeginClose(State closing) {
+    const bool asked = Closing();
+    m_state = closing;
+    if (asked) return;
     m_lastAnswer = Clock::now();
-    if (!m_service.Send(Call("upload.close", ""))) m_service.CloseInput();
+    if (!m_service.Send(CloseCall())) m_service.CloseInput();
 }
 
 }  // namespace Varnelo

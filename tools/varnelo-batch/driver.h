@@ -12,7 +12,7 @@
 #include "commit.h"
 #include "options.h"
 #include "photo.h"
-#include "report.h"
+#include "progress.h"
 #include "scheduler.h"
 
 namespace Varnelo {
@@ -32,28 +32,35 @@ class Driver {
     void Run();
 
     int Restarts() const { return m_restarts; }
-    bool Interrupted() const { return m_interrupted; }
+    bool Interrupted() const { return m_state == State::INTERRUPTED; }
 
   private:
+    enum class State {
+        SENDING,      // handing out requests as the service answers them
+        CLOSING,      // all sent: the close is asked, the service answers what it holds
+        INTERRUPTED,  // the same after Ctrl-C, with photos left unsent
+        BROKEN,       // the service cannot be started: what is left fails
+    };
+
     bool StartService();
     bool Handshake(std::string& why);
     bool Send(const Request& request);
-    std::string ImageStruct(int id) const;
     void Settle(const std::vector<Settled>& settled, bool failIfDropped = false);
     void ServiceLost(const std::string& how);
-    void BeginClose();
+    void BeginClose(State closing);
+    bool Closing() const { return m_state == State::CLOSING || m_state == State::INTERRUPTED; }
     Clock::duration StallTimeout() const;
 
     const Options& m_options;
     std::vector<Photo>& m_photos;
     Finisher& m_finisher;
     Progress& m_progress;
-    Scheduler m_books;
+    Scheduler m_scheduler;
     std::vector<int> m_open;  // per photo, its outputs not yet settled
     ServiceChild m_service;
     std::string m_whyNot;  // why the service cannot run
     int m_restarts = 0;
-    bool m_broken = false, m_closing = false, m_closeAnswered = false, m_interrupted = false;
+    State m_state = State::SENDING;
     Clock::time_point m_lastAnswer = Clock::now();
 };
 

@@ -4,7 +4,8 @@
 // for byte, as the service writes them; on request the tool rewrites them by group (EXIF, XMP,
 // IPTC, ICC, comments, other application segments) and by meaning (the fields that place the
 // photo), leaving the image data alone. The Orientation always survives, because the pixels
-// are not turned. Stateless functions.
+// are not turned. EXIF, XMP and IPTC are read and written with exiv2; the segments around them
+// are the tool's own walk (jpeg_layout.h). Stateless functions; any thread may call them.
 
 #include <string>
 #include <vector>
@@ -45,27 +46,38 @@ std::string ChoiceText(const MetadataChoice& choice);
 struct MetadataOutcome {
     // Set when the metadata cannot be parsed or rewritten: the file must not be written.
     std::string failure;
-    // What the choice keeps but the library could not carry over (say, a MakerNote over its
-    // size limit); the photo's status says so.
+    // What the choice keeps but could not be carried over (say, a MakerNote over the size the
+    // EXIF library writes); the photo's status says so.
     std::vector<std::string> lost;
 };
 
-// Rewrites `jpeg`, a whole JPEG file, to carry what `choice` keeps of its own metadata: EXIF
-// pixel dimensions describe the image in `jpeg`; ColorSpace, InteroperabilityIndex and the
-// Orientation stay (the Orientation in a minimal EXIF block when EXIF is not kept); embedded
-// EXIF and Photoshop thumbnails, MPF and gain-map segments and any bytes after the end of the
-// image go. The frame, tables and scans stay byte for byte.
+// Rewrites `jpeg`, a whole JPEG file that carries its photo's segments (the service copies
+// them), to carry what `choice` keeps of them: EXIF pixel dimensions describe the image in
+// `jpeg`; ColorSpace, InteroperabilityIndex and the Orientation stay (the Orientation in a
+// minimal EXIF block when EXIF is not kept and the photo is turned); embedded EXIF, maker-note
+// and Photoshop thumbnails, MPF and gain-map segments and any bytes after the end of the image
+// go. The frame, tables and scans stay byte for byte. On failure `jpeg` is left as it was.
 // REQUIRES: choice.Rewrites().
 MetadataOutcome RewriteMetadata(std::string& jpeg, const MetadataChoice& choice);
 
-// The metadata a thumbnail made by the tool carries: the ICC profile of `photo` (a whole JPEG
-// file) when `choice` keeps ICC, and its Orientation when it is turned. `thumb` (a whole JPEG
-// file) gets no other segment of the photo's.
+// The metadata a thumbnail made by the tool carries: the ICC profile of `photo` when `choice`
+// keeps ICC, and its Orientation when it is turned; no other segment, of the photo's or of its
+// own. `thumb` is a whole JPEG file; `photo` is the photo's JPEG file or its head (see
+// ReadJpegHead). On failure `thumb` is left as it was.
 MetadataOutcome DressThumbnail(std::string& thumb, const std::string& photo,
                                const MetadataChoice& choice);
 
 // The Orientation (1..8) in the first EXIF block of the JPEG file at `path`; 0 when it has
-// none or the file cannot be read.
+// none or the file cannot be read. Reads only the file's head.
 int ReadOrientation(const std::string& path);
+
+// Puts into `jpeg` (a whole JPEG file) an EXIF block that holds only `orientation` (1..8),
+// after a leading JFIF segment, unless `jpeg` has an EXIF block of its own. False when `jpeg`
+// is not a JPEG.
+bool AddOrientation(std::string& jpeg, int orientation);
+
+// The bytes of the JPEG file at `path` up to its first scan, enough for DressThumbnail and the
+// Orientation; empty when the file cannot be read.
+std::string ReadJpegHead(const std::string& path);
 
 }  // namespace Varnelo

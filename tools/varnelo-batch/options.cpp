@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <string>
 
 #include "fsutils.h"
 
@@ -19,7 +20,8 @@ const char kHelp[] =
     "Makes upload-ready copies of JPEG photos through the varnelo service. Folders are\n"
     "searched for .jpg and .jpeg files (any case); files named directly are taken whatever\n"
     "their names; '-' reads more paths from standard input, one per line. The copies keep\n"
-    "the photos' layout below the folder given and are named .jpg.\n"
+    "the photos' layout below the folder given and are named .jpg. Images of other formats\n"
+    "in the folders (HEIC, PNG, camera raw, ...) are named in the report and passed over.\n"
     "\n"
     "Inputs:\n"
     "  -r, --recursive      also search the folders inside the folders (links to folders\n"
@@ -30,15 +32,28 @@ const char kHelp[] =
     "Output:\n"
     "  -o, --output DIR     where the copies go (created when missing); must not be one of\n"
     "                       the folders given\n"
-    "      --size N         longer side of the copies in pixels, 32..65536 (default 1600)\n"
+    "      --size N         longer side of the copies in pixels, 32..65536 (default 1600);\n"
+    "                       a photo not larger than that is copied as it is\n"
+    "      --skip-small     make no copy of a photo not larger than --size\n"
     "      --quality Q      JPEG quality of the copies and thumbnails, 0..100 (default 85)\n"
-    "      --omit-exif      leave EXIF and the other metadata out of the copies; they keep\n"
-    "                       only an Orientation tag, so that they still show upright\n"
+    "      --keep LIST      the metadata the copies keep: a comma-separated list of exif,\n"
+    "                       xmp, iptc, icc (the colour profile), comment, other (the other\n"
+    "                       application segments), all (the default: every byte) or none.\n"
+    "                       The Orientation always stays. Without icc, the colours of\n"
+    "                       photos that are not sRGB change (Adobe RGB looks flat)\n"
+    "      --strip-location remove what places a photo (GPS position, altitude and\n"
+    "                       direction; city, state, country and location names) and keep\n"
+    "                       the rest of what --keep keeps\n"
+    "      --omit-exif      the same as --keep icc\n"
     "      --thumbnails     also write NAME_thumb.jpg beside each copy\n"
     "      --thumb-size N   longer side of the thumbnails, 32..65536 (default 72; a photo's\n"
     "                       embedded EXIF thumbnail is used as it is)\n"
     "      --overwrite      replace files at the copies' names that varnelo-batch did not\n"
-    "                       make from the same photo (without it those photos fail)\n"
+    "                       make from the same photo (without it those photos fail, unless\n"
+    "                       the file there is byte for byte the copy)\n"
+    "      --prune          remove the stale files: those varnelo-batch made whose photo\n"
+    "                       is gone or that no setting of this run makes, if nobody has\n"
+    "                       changed them since (not after an input could not be read)\n"
     "  -n, --dry-run        list what would be done on standard output; change nothing\n"
     "Reporting:\n"
     "      --report FILE    write one row per photo: CSV for *.csv, JSON Lines for *.jsonl,\n"
@@ -56,18 +71,21 @@ const char kHelp[] =
     "  -h, --help           print this text and exit\n"
     "      --version        print the version and exit\n"
     "\n"
-    "A re-run into the same OUTDIR converts only photos that are new or changed, or whose\n"
-    "settings changed (OUTDIR/.varnelo-batch.state keeps the books). Copies are written under\n"
-    "a temporary name and renamed into place when complete; they keep their photo's\n"
-    "modification time. A file reached twice (links, or named twice) is converted once.\n"
+    "A re-run into the same OUTDIR makes only the copies of photos that are new or changed,\n"
+    "or whose settings changed (OUTDIR/.varnelo-batch.state records what made each file).\n"
+    "Copies are written under a temporary name and renamed into place when complete; they\n"
+    "keep their photo's modification time. A file reached twice is converted once.\n"
     "\n"
-    "Each photo ends with one status, in the report and the summary: converted, up to date,\n"
-    "too small (not larger than --size: no copy made), failed (with the reason), not\n"
-    "processed (interrupted first), or duplicate (the same file as an earlier path).\n"
+    "Each photo ends with one status, in the report and the summary: converted, converted\n"
+    "with warnings (the photo may be damaged), copied (not larger than --size), adopted\n"
+    "(the file at its name already was its copy), up to date, too small (--skip-small: no\n"
+    "copy), failed (with the reason), not processed (interrupted first), duplicate (the\n"
+    "same file as an earlier path) or not JPEG. Files an earlier run made and this one\n"
+    "would not are stale (pruned once removed).\n"
     "\n"
-    "Exit status: 0 when every photo was converted, up to date or too small to reduce;\n"
-    "1 when any failed or was not processed, or an input could not be read; 2 on bad usage;\n"
-    "130 when interrupted by Ctrl-C (a second Ctrl-C stops at once).\n";
+    "Exit status: 0 when no photo failed or was left unprocessed; 1 when any did, or an\n"
+    "input could not be read; 2 on bad usage; 130 when interrupted by Ctrl-C (a second\n"
+    "Ctrl-C stops at once).\n";
 
 bool ParseNumber(const char* text, long low, long high, long& number) {
     char* end = nullptr;
@@ -108,10 +126,13 @@ ReportFormat ReportFormatFor(const std::string& path) {
     return ReportFormat::NONE;
 }
 
-Parsed ParseOptions(int argc, char** argv, Options& options, std::string& problem) {
+Invocation Parse(int argc, char** argv) {
     enum {
         SIZE = 256,
+        SKIP_SMALL,
         QUALITY,
+        KEEP,
+        STRIP_LOCATION,
         OMIT_EXIF,
         HASH,
         THUMBNAILS,
@@ -120,6 +141,7 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
         SERVICE,
         HIDDEN,
         OVERWRITE,
+        PRUNE,
         VERSION
     };
     static const option kLong[] = {{"output", required_argument, nullptr, 'o'},
@@ -127,12 +149,16 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
                                    {"hidden", no_argument, nullptr, HIDDEN},
                                    {"null", no_argument, nullptr, '0'},
                                    {"size", required_argument, nullptr, SIZE},
+                                   {"skip-small", no_argument, nullptr, SKIP_SMALL},
                                    {"quality", required_argument, nullptr, QUALITY},
+                                   {"keep", required_argument, nullptr, KEEP},
+                                   {"strip-location", no_argument, nullptr, STRIP_LOCATION},
                                    {"omit-exif", no_argument, nullptr, OMIT_EXIF},
                                    {"hash", required_argument, nullptr, HASH},
                                    {"thumbnails", no_argument, nullptr, THUMBNAILS},
                                    {"thumb-size", required_argument, nullptr, THUMB_SIZE},
                                    {"overwrite", no_argument, nullptr, OVERWRITE},
+                                   {"prune", no_argument, nullptr, PRUNE},
                                    {"dry-run", no_argument, nullptr, 'n'},
                                    {"report", required_argument, nullptr, REPORT},
                                    {"service", required_argument, nullptr, SERVICE},
@@ -142,9 +168,18 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
                                    {"help", no_argument, nullptr, 'h'},
                                    {"version", no_argument, nullptr, VERSION},
                                    {nullptr, 0, nullptr, 0}};
-    auto bad = [&problem](const std::string& text) {
-        problem = text;
-        return Parsed::BAD_USAGE;
+    Invocation invocation;
+    Options& options = invocation.options;
+    options.program = argc > 0 ? argv[0] : "varnelo-batch";
+    auto bad = [&invocation](const std::string& text) {
+        invocation.what = Invocation::BAD_USAGE;
+        invocation.text = text;
+        return invocation;
+    };
+    auto print = [&invocation](const std::string& text) {
+        invocation.what = Invocation::PRINT;
+        invocation.text = text;
+        return invocation;
     };
     opterr = 0;
     optind = 1;
@@ -168,13 +203,24 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
                     return bad("--size wants a number of pixels from 32 to 65536");
                 }
                 break;
+            case SKIP_SMALL:
+                options.skipSmall = true;
+                break;
             case QUALITY:
                 if (!ParseInt(optarg, 0, 100, options.quality)) {
                     return bad("--quality wants a number from 0 to 100");
                 }
                 break;
+            case KEEP: {
+                std::string problem;
+                if (!ParseKeepList(optarg, options.metadata.keep, problem)) return bad(problem);
+                break;
+            }
+            case STRIP_LOCATION:
+                options.metadata.stripLocation = true;
+                break;
             case OMIT_EXIF:
-                options.omitExif = true;
+                options.metadata.keep = KEEP_ICC;
                 break;
             case HASH: {
                 std::string name = optarg;
@@ -198,6 +244,9 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
                 break;
             case OVERWRITE:
                 options.overwrite = true;
+                break;
+            case PRUNE:
+                options.prune = true;
                 break;
             case 'n':
                 options.dryRun = true;
@@ -227,12 +276,10 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
                 options.verbosity = 2;
                 break;
             case 'h':
-                std::fputs(kHelp, stdout);
-                return Parsed::DONE;
+                return print(kHelp);
             case VERSION:
-                std::printf("varnelo-batch %s (protocol version %d)\n", VARNELO_VERSION,
-                            kProtocolVersion);
-                return Parsed::DONE;
+                return print(std::string("varnelo-batch ") + VARNELO_VERSION +
+                             " (protocol version " + std::to_string(kProtocolVersion) + ")\n");
             case ':':
                 return bad(std::string("option '") + argv[optind - 1] + "' wants a value");
             default:
@@ -242,19 +289,32 @@ Parsed ParseOptions(int argc, char** argv, Options& options, std::string& proble
     options.inputs.assign(argv + optind, argv + argc);
     if (options.inputs.empty()) return bad("no photo or folder given");
     if (options.outDir.empty()) return bad("no output folder given (-o OUTDIR)");
-    return Parsed::RUN;
+    return invocation;
 }
 
 std::string CopySettings(const Options& options) {
     return "copy size=" + std::to_string(options.size) +
            " quality=" + std::to_string(options.quality) +
-           (options.omitExif ? " exif=orientation" : " exif=kept") +
-           " hash=" + HashName(options.hash);
+           " metadata=" + ChoiceText(options.metadata) + " hash=" + HashName(options.hash);
 }
 
 std::string ThumbSettings(const Options& options) {
     return "thumbnail size=" + std::to_string(options.thumbSize) +
-           " quality=" + std::to_string(options.quality);
+           " quality=" + std::to_string(options.quality) +
+           ((options.metadata.keep & KEEP_ICC) != 0 ? " profile=kept" : " profile=dropped");
+}
+
+// Runs before the metadata choice recorded a copy that kept all of it as "exif=kept", which
+// carries the same bytes; their "exif=orientation" copies lost their colour profile and are
+// made again.
+bool SameSettings(const std::string& recorded, const std::string& current) {
+    if (recorded == current) return true;
+    const std::string before = " exif=kept ", now = " metadata=all ";
+    const std::size_t at = recorded.find(before);
+    if (at == std::string::npos) return false;
+    std::string upgraded = recorded;
+    upgraded.replace(at, before.size(), now);
+    return upgraded == current;
 }
 
 }  // namespace Varnelo

@@ -1,12 +1,18 @@
 #include "plan.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 
 #include "fsutils.h"
+#include "options.h"
 #include "service_client.h"
+#include "sniff.h"
 
 namespace fs = std::filesystem;
 
@@ -19,7 +25,9 @@ std::string Lower(std::string text) {
     return text;
 }
 
-bool Named(const Photo& photo) { return photo.sameAs.empty() && photo.problem.empty(); }
+bool Named(const Photo& photo) {
+    return photo.sameAs.empty() && photo.problem.empty() && photo.kind == FileKind::JPEG;
+}
 
 std::string Relative(const std::string& path, const std::string& outDir) {
     return fs::path(path).lexically_relative(outDir).string();
@@ -32,10 +40,6 @@ fs::path Below(const fs::path& folder, const fs::path& relative) {
 
 std::string ThumbOf(const std::string& copy) {
     return copy.substr(0, copy.size() - 4) + "_thumb.jpg";
-}
-
-bool FitsTheService(const std::string& name, const std::string& path) {
-    return Member(name, "string", path).size() <= kMaxLine;
 }
 
 void Fail(Output& output, const std::string& reason) {
@@ -51,9 +55,10 @@ void DecideOne(const Photo& photo, Output& output, const std::string& settings,
     if (output.before.exists && output.before.size == ~0ull) {
         return Fail(output, name + " is in the way and is not a file");
     }
+    output.guarded = false;
     if (record != nullptr && record->source == photo.source) {
         if (record->sourceSize == photo.file.size && record->sourceMtimeNs == photo.file.mtimeNs &&
-            record->settings == settings) {
+            SameSettings(record->settings, settings)) {
             output.status = Status::UP_TO_DATE;
             output.width = record->width;
             output.height = record->height;
@@ -62,15 +67,14 @@ void DecideOne(const Photo& photo, Output& output, const std::string& settings,
             return;
         }
     } else if (output.before.exists && !rules.overwrite) {
-        return Fail(output, record != nullptr
-                                ? name + " holds the copy of another photo, '" + record->source +
-                                      "' (--overwrite replaces it)"
-                                : name +
-                                      " exists and was not made by varnelo-batch from this "
-                                      "photo (--overwrite replaces it)");
+        // Whether the new file may take the name is known only once it is made.
+        output.guarded = true;
+        output.reason = record != nullptr
+                            ? name + " holds the copy of another photo, '" + record->source + "'"
+                            : name + " exists and was not made by varnelo-batch from this photo";
     }
     output.temp = TempName(fs::path(output.path).parent_path().string(), ++temps);
-    if (!FitsTheService("sourcePath", photo.source) || !FitsTheService("destPath", output.temp)) {
+    if (!FitsARequestLine(photo.source) || !FitsARequestLine(output.temp)) {
         output.temp.clear();
         return Fail(output, "path too long for the service");
     }
@@ -84,7 +88,7 @@ void NameOutputs(std::vector<Photo>& photos, const PlanRules& rules, const State
     for (const Photo& photo : photos) {
         if (photo.file.exists) taken.insert(Lower(photo.source));
     }
-    // The names the books remember for each source's copies.
+    // The names the state remembers for each source's copies.
     std::map<std::string, std::set<std::string>> remembered;
     for (const auto& [output, records] : state.Records()) {
         if (records.back().settings.rfind("copy ", 0) == 0) {
@@ -174,13 +178,59 @@ void MakeFolders(std::vector<Photo>& photos) {
         if (!ec && !fs::is_directory(folder, ec)) {
             ec = std::make_error_code(std::errc::not_a_directory);
         }
-        if (ec) problems[folder] = "cannot create the folder '" + folder + "': " + ec.message();
+        if (ec) {
+            problems[folder] = "cannot create the folder '" + folder + "': " + ec.message();
+        } else if (access(folder.c_str(), W_OK) != 0) {
+            problems[folder] = "the output folder '" + folder + "' is not writable";
+        }
     }
     for (Photo& photo : photos) {
         for (Output* output : {&photo.copy, &photo.thumb}) {
             if (output->status != Status::PENDING || output->temp.empty()) continue;
             const auto problem = problems.find(fs::path(output->path).parent_path().string());
             if (problem != problems.end()) Fail(*output, problem->second);
+        }
+    }
+}
+
+std::string InTheWay(const std::string& guard, Status made, bool thumbnail) {
+    const char* instead = thumbnail                ? "the thumbnail"
+                          : made == Status::COPIED ? "a copy of the photo as it is"
+                                                   : "the copy";
+    return guard + ", and differs from what this run makes (--overwrite replaces it with " +
+           instead + ")";
+}
+
+namespace {
+
+std::string Bytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+void Foresee(std::vector<Photo>& photos, const PlanRules& rules) {
+    for (Photo& photo : photos) {
+        Output& copy = photo.copy;
+        if (!Named(photo) || copy.status != Status::PENDING) continue;
+        int width = 0, height = 0;
+        const bool small =
+            ReadJpegSize(photo.source, width, height) && IsTooSmall(width, height, rules.size);
+        copy.status = !small            ? Status::CONVERTED
+                      : rules.skipSmall ? Status::TOO_SMALL
+                                        : Status::COPIED;
+        if (!copy.guarded || copy.status == Status::TOO_SMALL) continue;
+        // Only a copy of the photo's own bytes can be compared before it is made.
+        if (copy.status == Status::COPIED && !rules.rewrites &&
+            copy.before.size == photo.file.size && Bytes(copy.path) == Bytes(photo.source)) {
+            copy.status = Status::ADOPTED;
+        } else if (copy.status == Status::COPIED && !rules.rewrites) {
+            Fail(copy, InTheWay(copy.reason, Status::COPIED, false));
+        } else {
+            Fail(copy, InTheWay(copy.reason, copy.status, false) +
+                           "; unless the new file is byte for byte that one, which only making "
+                           "it tells");
         }
     }
 }

@@ -1,10 +1,8 @@
 #include "report.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +20,12 @@ const char* StatusName(Status status) {
             break;
         case Status::CONVERTED:
             return "converted";
+        case Status::WARNED:
+            return "converted_with_warnings";
+        case Status::COPIED:
+            return "copied";
+        case Status::ADOPTED:
+            return "adopted";
         case Status::UP_TO_DATE:
             return "up_to_date";
         case Status::TOO_SMALL:
@@ -30,12 +34,20 @@ const char* StatusName(Status status) {
             return "failed";
         case Status::DUPLICATE:
             return "duplicate";
+        case Status::NOT_JPEG:
+            return "not_jpeg";
+        case Status::STALE:
+            return "stale";
+        case Status::PRUNED:
+            return "pruned";
     }
     return "not_processed";
 }
 
 const char* StatusText(Status status) {
     switch (status) {
+        case Status::WARNED:
+            return "converted with warnings";
         case Status::UP_TO_DATE:
             return "up to date";
         case Status::TOO_SMALL:
@@ -43,15 +55,54 @@ const char* StatusText(Status status) {
         case Status::PENDING:
         case Status::NOT_PROCESSED:
             return "not processed";
+        case Status::NOT_JPEG:
+            return "not JPEG";
         default:
             return StatusName(status);
     }
 }
 
+std::vector<ReportRow> ReportRows(const std::vector<Photo>& photos,
+                                  const std::vector<StaleFile>& stale) {
+    std::vector<ReportRow> rows;
+    for (const Photo& p : photos) {
+        ReportRow row;
+        row.source = p.source;
+        row.status = p.Overall();
+        if (row.status == Status::PENDING) row.status = Status::NOT_PROCESSED;
+        row.reason = !p.sameAs.empty()                ? "same file as " + p.sameAs
+                     : !p.problem.empty()             ? p.problem
+                     : row.status == Status::NOT_JPEG ? KindText(p.kind, p.source)
+                                                      : p.copy.reason;
+        if (IsMade(row.status)) {
+            row.output = p.copy.path;
+            row.bytes = static_cast<std::int64_t>(p.copy.bytes);
+        }
+        row.width = p.copy.width;
+        row.height = p.copy.height;
+        row.hash = p.copy.hash;
+        if (!p.thumb.path.empty()) {
+            row.thumbnailed = true;
+            row.thumbStatus =
+                p.thumb.status == Status::PENDING ? Status::NOT_PROCESSED : p.thumb.status;
+            if (IsMade(p.thumb.status)) row.thumbnail = p.thumb.path;
+            row.thumbReason = p.thumb.reason;
+        }
+        rows.push_back(row);
+    }
+    for (const StaleFile& file : stale) {
+        ReportRow row;
+        row.source = file.source;
+        row.status = file.status;
+        row.reason = file.why;
+        row.output = file.path;
+        rows.push_back(row);
+    }
+    return rows;
+}
+
 namespace {
 
-// The length of the UTF-8 sequence at `at` (1..4), or 0 when it is not one. Overlong forms,
-// surrogates and code points past U+10FFFF are not UTF-8.
 std::size_t Utf8Length(const std::string& s, std::size_t at) {
     const unsigned char c = static_cast<unsigned char>(s[at]);
     if (c < 0x80) return 1;
@@ -77,38 +128,96 @@ std::size_t Utf8Length(const std::string& s, std::size_t at) {
     return n;
 }
 
-std::string Csv(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+// One cell of a row: a text, or a number (absent when not known).
+struct Cell {
+    bool text;
+    std::string value;
+    bool known = true;
+};
+
+struct Column {
+    const char* name;
+    Cell (*of)(const ReportRow&);
+};
+
+Cell Text(const std::string& value) { return {true, value}; }
+Cell Number(long long value, bool known) { return {false, std::to_string(value), known}; }
+
+const Column kColumns[] = {
+    {"source", [](const ReportRow& r) { return Text(r.source); }},
+    {"status", [](const ReportRow& r) { return Text(StatusName(r.status)); }},
+    {"reason", [](const ReportRow& r) { return Text(r.reason); }},
+    {"output", [](const ReportRow& r) { return Text(r.output); }},
+    {"width", [](const ReportRow& r) { return Number(r.width, r.width >= 0); }},
+    {"height", [](const ReportRow& r) { return Number(r.height, r.width >= 0); }},
+    {"hash", [](const ReportRow& r) { return Text(r.hash); }},
+    {"output_bytes", [](const ReportRow& r) { return Number(r.bytes, r.bytes >= 0); }},
+    {"thumbnail", [](const ReportRow& r) { return Text(r.thumbnail); }},
+    {"thumbnail_status",
+     [](const ReportRow& r) { return Text(r.thumbnailed ? StatusName(r.thumbStatus) : ""); }},
+    {"thumbnail_reason", [](const ReportRow& r) { return Text(r.thumbReason); }},
+};
+const std::size_t kPhotoColumns = 8;  // the columns before the thumbnail's
+
+std::size_t Columns(bool thumbnails) {
+    return thumbnails ? sizeof(kColumns) / sizeof(kColumns[0]) : kPhotoColumns;
+}
+
+std::string Csv(const Cell& cell) {
+    if (!cell.known) return "";
+    if (!cell.text || cell.value.find_first_of(",\"\r\n") == std::string::npos) return cell.value;
     std::string out = "\"";
-    for (const char c : text) out += c == '"' ? std::string("\"\"") : std::string(1, c);
+    for (const char c : cell.value) out += c == '"' ? std::string("\"\"") : std::string(1, c);
     return out + "\"";
 }
 
-std::string Number(long long n, bool known, bool csv) {
-    return known ? std::to_string(n) : csv ? "" : "null";
-}
-
-std::string Plural(std::size_t n, const char* word) {
-    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-}
-
-std::string FormatBytes(std::uint64_t bytes) {
-    char text[32];
-    if (bytes >= (1u << 20)) {
-        std::snprintf(text, sizeof(text), "%.1f MB", bytes / 1048576.0);
-    } else {
-        std::snprintf(text, sizeof(text), "%.1f KB", bytes / 1024.0);
+// A row as one JSON object. A name that is not UTF-8 also gets its exact bytes, in hex, so
+// that nothing is lost.
+std::string JsonObject(const ReportRow& row, bool thumbnails) {
+    std::string object, extra;
+    for (std::size_t i = 0; i < Columns(thumbnails); ++i) {
+        const Cell cell = kColumns[i].of(row);
+        bool valid = true;
+        const std::string value = !cell.known ? "null"
+                                  : cell.text ? JsonString(cell.value, valid)
+                                              : cell.value;
+        object += std::string(i ? ",\"" : "{\"") + kColumns[i].name + "\":" + value;
+        if (!valid)
+            extra += std::string(",\"") + kColumns[i].name + "_hex\":\"" + Hex(cell.value) + "\"";
     }
-    return text;
-}
-
-int TerminalWidth() {
-    winsize size = {};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
-    return size.ws_col;
+    return object + extra + "}";
 }
 
 }  // namespace
+
+std::string CsvReport(const std::vector<ReportRow>& rows, bool thumbnails) {
+    std::string out;
+    for (std::size_t i = 0; i < Columns(thumbnails); ++i) {
+        out += std::string(i ? "," : "") + kColumns[i].name;
+    }
+    out += "\n";
+    for (const ReportRow& row : rows) {
+        for (std::size_t i = 0; i < Columns(thumbnails); ++i) {
+            out += (i ? "," : "") + Csv(kColumns[i].of(row));
+        }
+        out += "\n";
+    }
+    return out;
+}
+
+std::string JsonLinesReport(const std::vector<ReportRow>& rows, bool thumbnails) {
+    std::string out;
+    for (const ReportRow& row : rows) out += JsonObject(row, thumbnails) + "\n";
+    return out;
+}
+
+std::string JsonReport(const std::vector<ReportRow>& rows, bool thumbnails) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        out += (i ? ",\n" : "\n") + JsonObject(rows[i], thumbnails);
+    }
+    return out + (rows.empty() ? "]\n" : "\n]\n");
+}
 
 std::string JsonString(const std::string& text, bool& valid) {
     valid = true;
@@ -166,62 +275,14 @@ bool CheckReportPath(const std::string& path, std::string& error) {
 }
 
 bool WriteReport(const std::string& path, ReportFormat format, bool thumbnails,
-                 const std::vector<Photo>& photos, std::string& error) {
-    const bool csv = format == ReportFormat::CSV;
-    const std::vector<const char*> names = {
-        "source", "status",       "reason",    "output",           "width",           "height",
-        "hash",   "output_bytes", "thumbnail", "thumbnail_status", "thumbnail_reason"};
-    const std::size_t columns = thumbnails ? names.size() : 8;
+                 const std::vector<ReportRow>& rows, std::string& error) {
+    const std::string text = format == ReportFormat::CSV ? CsvReport(rows, thumbnails)
+                             : format == ReportFormat::JSON_LINES
+                                 ? JsonLinesReport(rows, thumbnails)
+                                 : JsonReport(rows, thumbnails);
     const std::string temp = path + ".varnelo-batch-tmp";
     std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    if (csv) {
-        for (std::size_t i = 0; i < columns; ++i) out << (i ? "," : "") << names[i];
-        out << "\n";
-    } else if (format == ReportFormat::JSON) {
-        out << "[";
-    }
-    bool first = true;
-    for (const Photo& p : photos) {
-        const Status status = p.Overall();
-        const Output& c = p.copy;
-        const bool made = status == Status::CONVERTED || status == Status::UP_TO_DATE;
-        const bool thumbMade =
-            p.thumb.status == Status::CONVERTED || p.thumb.status == Status::UP_TO_DATE;
-        const bool thumbKnown = !p.thumb.path.empty();
-        const std::string reason = !p.sameAs.empty()          ? "same file as " + p.sameAs
-                                   : !p.problem.empty()       ? p.problem
-                                   : status == Status::FAILED ? c.reason
-                                                              : "";
-        const std::string values[] = {p.source,
-                                      StatusName(status),
-                                      reason,
-                                      made ? c.path : "",
-                                      Number(c.width, c.width >= 0, csv),
-                                      Number(c.height, c.width >= 0, csv),
-                                      c.hash,
-                                      Number(static_cast<long long>(c.bytes), made, csv),
-                                      thumbMade ? p.thumb.path : "",
-                                      thumbKnown ? StatusName(p.thumb.status) : "",
-                                      p.thumb.status == Status::FAILED ? p.thumb.reason : ""};
-        const bool isText[] = {true, true, true, true, false, false, true, false, true, true, true};
-        std::string row, extra;
-        for (std::size_t i = 0; i < columns; ++i) {
-            if (csv) {
-                row += (i ? "," : "") + (isText[i] ? Csv(values[i]) : values[i]);
-                continue;
-            }
-            bool valid = true;
-            const std::string value = isText[i] ? JsonString(values[i], valid) : values[i];
-            row += std::string(i ? ",\"" : "{\"") + names[i] + "\":" + value;
-            // A name that is not UTF-8: its exact bytes, so that nothing is lost.
-            if (!valid)
-                extra += std::string(",\"") + names[i] + "_hex\":\"" + Hex(values[i]) + "\"";
-        }
-        if (format == ReportFormat::JSON) out << (first ? "\n" : ",\n");
-        out << row << (csv ? "" : extra + "}") << (format == ReportFormat::JSON ? "" : "\n");
-        first = false;
-    }
-    if (format == ReportFormat::JSON) out << (first ? "]\n" : "\n]\n");
+    out << text;
     out.close();
     if (!out || rename(temp.c_str(), path.c_str()) != 0) {
         error = "cannot write the report '" + path + "': " + std::strerror(errno);
@@ -229,152 +290,6 @@ bool WriteReport(const std::string& path, ReportFormat format, bool thumbnails,
         return false;
     }
     return true;
-}
-
-Progress::Progress(int verbosity, std::size_t total, std::uint64_t totalBytes)
-    : m_verbosity(verbosity),
-      m_bar(verbosity > 0 && isatty(STDERR_FILENO)),
-      m_lines(verbosity == 2 || (verbosity == 1 && !m_bar)),
-      m_total(total),
-      m_totalBytes(totalBytes),
-      m_start(std::chrono::steady_clock::now()) {}
-
-void Progress::PhotoDone(const Photo& photo) {
-    ++m_done;
-    m_doneBytes += photo.file.size;
-    const std::string failure = photo.Failure();
-    if (m_verbosity == 0) {
-        if (!failure.empty()) Print("varnelo-batch: " + photo.shown + ": " + failure);
-        return;
-    }
-    const Status status = photo.Overall();
-    if (!m_lines && failure.empty()) return;
-    if (status == Status::NOT_PROCESSED && m_verbosity < 2) return;  // the summary counts them
-    char count[48];
-    const int digits = static_cast<int>(std::to_string(m_total).size());
-    std::snprintf(count, sizeof(count), "[%*zu/%zu] ", digits, m_done, m_total);
-    std::string line = count;
-    char label[24];
-    std::snprintf(label, sizeof(label), "%-14s", StatusText(status));
-    line += label + photo.shown;
-    if (status == Status::CONVERTED || status == Status::UP_TO_DATE) {
-        line += " -> " + photo.copy.shown;
-    } else if (status == Status::DUPLICATE) {
-        line += " (same file as " + photo.sameAs + ")";
-    } else if (status == Status::TOO_SMALL) {
-        line += " (no copy made)";
-    }
-    if (!failure.empty()) line += ": " + failure;
-    Print(line);
-}
-
-void Progress::Note(const std::string& line) {
-    if (m_verbosity > 0) Print(line);
-}
-
-void Progress::Print(const std::string& line) {
-    Clear();
-    std::fprintf(stderr, "%s\n", line.c_str());
-}
-
-void Progress::Tick() {
-    const auto now = std::chrono::steady_clock::now();
-    if (!m_bar || now - m_lastDraw < std::chrono::milliseconds(100)) return;
-    m_lastDraw = now;
-    const double elapsed = std::chrono::duration<double>(now - m_start).count();
-    const std::string count = std::to_string(m_done) + "/" + std::to_string(m_total) + " ";
-    std::string tail;
-    if (m_done > 0 && elapsed > 0) {
-        char text[64];
-        const double perByte = elapsed / std::max<std::uint64_t>(m_doneBytes, 1);
-        const int secs =
-            static_cast<int>(perByte * (m_totalBytes - std::min(m_doneBytes, m_totalBytes)));
-        std::snprintf(text, sizeof(text), "  %.1f photos/s  %d:%02d left", m_done / elapsed,
-                      secs / 60, secs % 60);
-        tail = text;
-    }
-    // The line stays one column short of the width, so that the terminal never wraps it.
-    const int room = TerminalWidth() - 1;
-    int bar = std::min<int>(40, room - static_cast<int>(count.size() + tail.size()) - 2);
-    if (bar < 10) {
-        tail.clear();
-        bar = std::min<int>(40, room - static_cast<int>(count.size()) - 2);
-    }
-    std::string line = count;
-    if (bar > 0) {
-        const int filled = m_total ? static_cast<int>(bar * m_done / m_total) : bar;
-        line += "[" + std::string(filled, '#') + std::string(bar - filled, '.') + "]" + tail;
-    }
-    line.resize(std::min<std::size_t>(line.size(), static_cast<std::size_t>(std::max(room, 0))));
-    std::fprintf(stderr, "\r%s\033[K", line.c_str());
-    m_drawn = true;
-}
-
-void Progress::Clear() {
-    if (m_drawn) std::fputs("\r\033[K", stderr);
-    m_drawn = false;
-    m_lastDraw = {};
-}
-
-void PrintSummary(const Options& options, const std::vector<Photo>& photos, double seconds,
-                  int restarts) {
-    if (options.verbosity == 0) return;
-    std::size_t counts[7] = {};
-    std::size_t thumbsMade = 0, thumbsFailed = 0, worked = 0;
-    std::uint64_t bytesIn = 0, bytesOut = 0;
-    std::vector<const Photo*> failed;
-    for (const Photo& p : photos) {
-        const Status status = p.Overall();
-        ++counts[static_cast<int>(status == Status::PENDING ? Status::NOT_PROCESSED : status)];
-        if (!p.Failure().empty()) failed.push_back(&p);
-        if (p.copy.status == Status::CONVERTED || p.thumb.status == Status::CONVERTED ||
-            status == Status::TOO_SMALL || status == Status::FAILED) {
-            ++worked;
-            bytesIn += p.file.size;
-        }
-        if (p.copy.status == Status::CONVERTED) bytesOut += p.copy.bytes;
-        if (p.thumb.status == Status::CONVERTED) bytesOut += p.thumb.bytes, ++thumbsMade;
-        if (p.thumb.status == Status::FAILED) ++thumbsFailed;
-    }
-    std::fprintf(stderr, "%s in %.1f s (%.1f photos/s)\n", Plural(photos.size(), "photo").c_str(),
-                 seconds, seconds > 0 ? worked / seconds : 0.0);
-    const struct {
-        Status status;
-        const char* label;
-        std::string note;
-    } rows[] = {{Status::CONVERTED, "converted", ""},
-                {Status::UP_TO_DATE, "up to date", "(made by an earlier run)"},
-                {Status::TOO_SMALL, "too small to reduce",
-                 "(not larger than " + std::to_string(options.size) + " pixels: no copy made)"},
-                {Status::FAILED, "failed", ""},
-                {Status::NOT_PROCESSED, "not processed", "(a re-run finishes them)"},
-                {Status::DUPLICATE, "duplicate", "(a file reached twice: converted once)"}};
-    for (const auto& row : rows) {
-        const std::size_t n = counts[static_cast<int>(row.status)];
-        if (n == 0 && row.status != Status::CONVERTED) continue;
-        std::fprintf(stderr, "  %-20s %6zu%s\n", row.label, n,
-                     row.note.empty() ? "" : ("  " + row.note).c_str());
-    }
-    if (options.thumbnails) {
-        std::fprintf(stderr, "  thumbnails           %6zu made, %zu failed\n", thumbsMade,
-                     thumbsFailed);
-    }
-    std::fprintf(stderr, "  read %s, wrote %s\n", FormatBytes(bytesIn).c_str(),
-                 FormatBytes(bytesOut).c_str());
-    if (restarts > 0) {
-        std::fprintf(stderr, "  the service was restarted %s\n", Plural(restarts, "time").c_str());
-    }
-    if (!failed.empty()) std::fprintf(stderr, "  failed:\n");
-    for (std::size_t i = 0; i < failed.size() && i < 10; ++i) {
-        std::fprintf(stderr, "    %s: %s\n", failed[i]->shown.c_str(),
-                     failed[i]->Failure().c_str());
-    }
-    if (failed.size() > 10) {
-        std::fprintf(stderr, "    and %zu more (%s)\n", failed.size() - 10,
-                     options.report.empty() ? "--report FILE lists them all"
-                                            : ("all in " + options.report).c_str());
-    }
-    if (!options.report.empty()) std::fprintf(stderr, "  report: %s\n", options.report.c_str());
 }
 
 }  // namespace Varnelo

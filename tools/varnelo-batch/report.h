@@ -1,23 +1,48 @@
 #pragma once
 
-// What a run tells: the line of progress (or a line per photo), the summary at the end, and
-// the report file with one row per photo. Reads the photos; writes only standard error and
-// the report.
+// The report of a run: one typed row per photo (and per stale file), and one writer for each
+// format the report can take: CSV, JSON Lines and a JSON array. Also the names of the
+// statuses, as the report, the progress lines and the summary show them. Writes only the
+// report file.
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "options.h"
 #include "photo.h"
+#include "stale.h"
 
 namespace Varnelo {
 
-// The status as the report writes it (converted, up_to_date, too_small, failed,
-// not_processed, duplicate) and as people read it ("up to date", ...).
+// The status as the report writes it (converted, up_to_date, not_jpeg, ...) and as people
+// read it ("up to date", "not JPEG", ...).
 const char* StatusName(Status status);
 const char* StatusText(Status status);
+
+struct ReportRow {
+    std::string source;
+    Status status = Status::NOT_PROCESSED;
+    std::string reason;  // why it failed, or what else there is to know
+    std::string output;  // the file made, kept or (for a stale file) found
+    int width = -1, height = -1;
+    std::string hash;
+    std::int64_t bytes = -1;  // of the output; -1 when there is none
+    // With --thumbnails: the thumbnail made or kept, its status and reason.
+    bool thumbnailed = false;
+    std::string thumbnail;
+    Status thumbStatus = Status::NOT_PROCESSED;
+    std::string thumbReason;
+};
+
+// The rows of a run: its photos in order, then the stale files.
+std::vector<ReportRow> ReportRows(const std::vector<Photo>& photos,
+                                  const std::vector<StaleFile>& stale);
+
+// The whole report in each format; `thumbnails` adds the thumbnail columns.
+std::string CsvReport(const std::vector<ReportRow>& rows, bool thumbnails);
+std::string JsonLinesReport(const std::vector<ReportRow>& rows, bool thumbnails);
+std::string JsonReport(const std::vector<ReportRow>& rows, bool thumbnails);
 
 // `text` as a JSON string. Bytes that are not UTF-8 become U+FFFD there; `valid` says whether
 // any did. An empty text is null.
@@ -31,41 +56,6 @@ bool CheckReportPath(const std::string& path, std::string& error);
 // Writes the report whole under a temporary name, then renames it to `path`. False with
 // `error` set when it cannot.
 bool WriteReport(const std::string& path, ReportFormat format, bool thumbnails,
-                 const std::vector<Photo>& photos, std::string& error);
-
-// Progress on standard error: a bar redrawn in place, cut to the terminal's width, when that
-// is a terminal; a line per photo otherwise (and with -v); with -q a line per failed photo
-// and nothing else. Failures are shown as they happen in every mode.
-class Progress {
-  public:
-    Progress(int verbosity, std::size_t total, std::uint64_t totalBytes);
-
-    // How often Tick wants to run, in milliseconds; -1 for never.
-    int TickMs() const { return m_bar ? 100 : -1; }
-    // Every output of `photo` is settled.
-    void PhotoDone(const Photo& photo);
-    // A line that must not run into the bar; dropped with -q.
-    void Note(const std::string& line);
-    void Tick();
-    // Removes the bar from the screen.
-    void Clear();
-
-  private:
-    void Print(const std::string& line);
-
-    const int m_verbosity;
-    const bool m_bar, m_lines;
-    const std::size_t m_total;
-    const std::uint64_t m_totalBytes;
-    std::size_t m_done = 0;
-    std::uint64_t m_doneBytes = 0;
-    std::chrono::steady_clock::time_point m_start, m_lastDraw;
-    bool m_drawn = false;
-};
-
-// Prints the summary (nothing with -q): counts by status, the failed photos (the first ten),
-// bytes read and written, and where the report is.
-void PrintSummary(const Options& options, const std::vector<Photo>& photos, double seconds,
-                  int restarts);
+                 const std::vector<ReportRow>& rows, std::string& error);
 
 }  // namespace Varnelo

@@ -1,6 +1,6 @@
 #pragma once
 
-// The books of a batch: which images (a photo's copy or its thumbnail) are queued, which are
+// The schedule of a batch: which images (a photo's copy or its thumbnail) are queued, which are
 // in flight in which request, which were answered, sent again or given up. It decides what
 // to send next and what an answer or a death of the service settles, and does no input or
 // output of its own: the driver sends, receives and acts on what it returns.
@@ -35,7 +35,7 @@ struct Request {
     bool suspect = false;  // one image sent alone after a death of the service
 };
 
-// An image that the books closed, and how.
+// An image that the scheduler settled, and how.
 struct Settled {
     int id = 0;
     ImageResult result;

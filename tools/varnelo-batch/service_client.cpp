@@ -13,6 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
+
+#include "crc32.h"
+#include "md5.h"
 
 namespace Varnelo {
 
@@ -22,9 +26,16 @@ int MsUntil(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<long long>(left, 0, 1 << 30));
 }
 
-const char kTooSmall[] = "actual resolution less than requested";
-
 namespace {
+
+// The failure reasons of the two outcomes that leave the client something to do.
+const char kTooSmall[] = "actual resolution less than requested";
+const char kWarnings[] = "jpeg library warning(s)";
+// The failures that an output file which cannot be written gives.
+const char kResamplingError[] = "jpeg resampling error";
+const char kCreateError[] = "create destination file error";
+// The service reads request lines of at most this many characters.
+const std::size_t kMaxLine = 1023;
 
 // How a child ended, from its ExitStatus.
 std::string Describe(int status) {
@@ -32,8 +43,6 @@ std::string Describe(int status) {
     return "was killed by signal " + std::to_string(status - 128) + " (" + strsignal(status - 128) +
            ")";
 }
-
-}  // namespace
 
 // The service names its two hashes the other way round: the wire text "MD5" makes it compute
 // a CRC-32 (answered "S1|" and 8 hex digits) and any other text an MD5 ("S2|" and 32 digits).
@@ -50,6 +59,8 @@ const char* WireHashName(HashChoice choice) {
     }
     return nullptr;
 }
+
+}  // namespace
 
 // Whitespace and control characters go as character references: the service's XML reader
 // folds runs of raw whitespace into one blank, which would turn "a  b.jpg" into "a b.jpg".
@@ -82,6 +93,53 @@ std::string Member(const std::string& name, const std::string& type, const std::
 std::string Call(const std::string& method, const std::string& params) {
     return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<methodCall><methodName>" + method +
            "</methodName>\n" + params + "</methodCall>\n*\n";
+}
+
+std::string ConnectCall() {
+    return Call("upload.connect", "<params><param><value><struct/></value></param></params>\n");
+}
+
+std::string CloseCall() { return Call("upload.close", ""); }
+
+std::string ImageCall(bool thumbnail, const std::vector<ImageOrder>& images) {
+    std::string params;
+    for (const ImageOrder& image : images) {
+        params += "<param><value><struct>\n" + Member("imageId", "i4", std::to_string(image.id)) +
+                  "\n" + Member("sourcePath", "string", image.source) + "\n" +
+                  Member("destPath", "string", image.dest) + "\n" +
+                  Member("resolution", "i4", std::to_string(image.resolution)) + "\n" +
+                  Member("quality", "i4", std::to_string(image.quality)) + "\n";
+        if (WireHashName(image.hash) != nullptr) {
+            params += Member("hashMethod", "string", WireHashName(image.hash)) + "\n";
+        }
+        params += "</struct></value></param>\n";
+    }
+    return Call(thumbnail ? "upload.thumbnailRequest" : "upload.downsampleRequest",
+                "<params>\n" + params + "</params>\n");
+}
+
+bool FitsARequestLine(const std::string& path) {
+    return Member("sourcePath", "string", path).size() <= kMaxLine;
+}
+
+bool IsTooSmall(int width, int height, int size) {
+    size = std::clamp(size, 32, 65536);
+    long long fitted = width;
+    if (width < height && height > size) {
+        fitted = static_cast<long long>(width) * size / height;
+    } else if (width > size) {
+        fitted = size;
+    }
+    return std::max(fitted, 8LL) == width;
+}
+
+std::string SourceHash(const std::string& path, HashChoice choice) {
+    std::unique_ptr<Hash> hash;
+    if (choice == HashChoice::CRC32) hash = std::make_unique<CRC32>();
+    if (choice == HashChoice::MD5) hash = std::make_unique<MD5>();
+    if (hash == nullptr) return "";
+    const std::string prefix = choice == HashChoice::CRC32 ? "S1|" : "S2|";
+    return prefix + (hash->File(path.c_str(), Hash::FROM_END, 2048) ? hash->GetResultString() : "");
 }
 
 namespace {
@@ -139,8 +197,12 @@ Answer ParseAnswer(const std::string& text) {
             answer.kind = Answer::IMAGES;
             ImageResult result;
             result.done = true;
-            result.success = TextOf(Field(fields, "success")) == "1";
             result.reason = TextOf(Field(fields, "failureReason"));
+            result.outcome = TextOf(Field(fields, "success")) == "1" ? ImageResult::MADE
+                             : result.reason == kWarnings            ? ImageResult::WARNINGS
+                             : result.reason == kTooSmall            ? ImageResult::TOO_SMALL
+                                                                     : ImageResult::FAILED;
+            result.writing = result.reason == kResamplingError || result.reason == kCreateError;
             const Fields original = FieldsOf(Field(fields, "originalImage"));
             const Fields resolution = FieldsOf(Field(original, "resolution"));
             if (Field(resolution, "width") != nullptr) {

@@ -1,7 +1,9 @@
 #pragma once
 
 // The client's side of the service's protocol: the texts of its requests, the answers read
-// back, and the service itself as a child process that speaks them over pipes.
+// back, what the service does with a photo of a given size, and the service itself as a child
+// process that speaks them over pipes. No other part of varnelo-batch knows a text of the
+// protocol.
 
 #include <sys/types.h>
 
@@ -18,16 +20,10 @@ using Clock = std::chrono::steady_clock;
 // Milliseconds from now until `deadline`, 0 when it has passed.
 int MsUntil(Clock::time_point deadline);
 
-// The failure reason of a photo that is not larger than the requested size: no copy is made.
-extern const char kTooSmall[];
 // The protocol version this client speaks; the handshake names the range the service takes.
 const int kProtocolVersion = 4;
-// The service reads request lines of at most this many characters.
-const std::size_t kMaxLine = 1023;
 
 enum class HashChoice { CRC32, MD5, NONE };
-// The hashMethod text that makes the service compute `choice`; null for NONE.
-const char* WireHashName(HashChoice choice);
 
 // Text for the content of an XML element, escaped for the service's reader.
 std::string XmlText(const std::string& text);
@@ -36,14 +32,49 @@ std::string Member(const std::string& name, const std::string& type, const std::
 // A method call framed for the service; `params` is empty or whole lines.
 std::string Call(const std::string& method, const std::string& params);
 
+// One image of a request: the service reads `source` and writes `dest`, its longer side at
+// most `resolution` pixels. The metadata segments are always kept: the client rewrites them
+// itself when asked to.
+struct ImageOrder {
+    int id = 0;
+    std::string source, dest;
+    int resolution = 0, quality = 0;
+    HashChoice hash = HashChoice::NONE;
+};
+
+// The calls the client makes: the handshake, a batch of copies or thumbnails, the close.
+std::string ConnectCall();
+std::string ImageCall(bool thumbnail, const std::vector<ImageOrder>& images);
+std::string CloseCall();
+// Whether `path` fits in a line of a request, as the service reads lines of at most 1023
+// characters.
+bool FitsARequestLine(const std::string& path);
+
+// Whether the service finds a photo of `width` x `height` not larger than `size` and makes
+// nothing of it: its longer side is brought to the size (clamped to 32..65536) and the other
+// in proportion, neither below 8 pixels, and only the widths are compared.
+bool IsTooSmall(int width, int height, int size);
+
+// The hash text the service reports for the file at `path`: "S1|" and the CRC-32, or "S2|"
+// and the MD5, of its last 2048 bytes; empty for NONE. For the photos that the service answers
+// without one.
+std::string SourceHash(const std::string& path, HashChoice choice);
+
 // What became of one image: the service's answer, or the client's own verdict.
 struct ImageResult {
+    enum Outcome {
+        MADE,       // written, and the answer says how large the photo is
+        WARNINGS,   // written whole, but the JPEG library warned: the photo may be damaged
+        TOO_SMALL,  // not larger than the size asked: nothing written
+        FAILED,     // with the reason
+    } outcome = FAILED;
     bool done = false;
-    bool success = false;
-    std::string reason;           // the failure reason
+    std::string reason;  // the failure reason
+    // A FAILED image whose failure writing the file can cause: a full disk or a folder that
+    // is not writable show as these.
+    bool writing = false;
     int width = -1, height = -1;  // of the source; -1 when the answer did not say
     std::string hash;
-    std::uint64_t outputBytes = 0;
 };
 
 // One response as the client understands it.

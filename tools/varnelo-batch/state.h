@@ -1,11 +1,11 @@
 #pragma once
 
-// The books of an output folder: which file there was made from which photo under which
+// The state of an output folder: which file there was made from which photo under which
 // settings, so that a re-run converts only what changed and never takes a file it did not
 // make for its own. Kept in OUTDIR/.varnelo-batch.state as one line per file written.
 //
 // A record is appended (and synced) just before its file is renamed into place, so a run
-// killed at any moment leaves books that still explain every file it made; a record whose
+// killed at any moment leaves a state that still explains every file it made; a record whose
 // rename never happened does not match the file on disk and is ignored. Reading resolves
 // each output to the newest record that matches the file now at that name (same size and
 // modification time: copies get their photo's time, to the nanosecond); a file that matches
@@ -46,7 +46,7 @@ class StateFile {
     StateFile& operator=(const StateFile&) = delete;
 
     // With `lock`, takes the folder's lock first (held until the object goes away); then
-    // reads the books, if there are any. False with `error` set when another run holds the
+    // reads the state, if there is one. False with `error` set when another run holds the
     // lock or the folder cannot be opened.
     bool Load(bool lock, std::string& error);
 
@@ -56,7 +56,7 @@ class StateFile {
     const std::map<std::string, std::vector<Record>>& Records() const { return m_records; }
     // Appends `record` and syncs it to disk. False with `error` set when it cannot.
     bool Append(const Record& record, std::string& error);
-    // Rewrites the books with the one record that matches each output's file now on disk.
+    // Rewrites the state with the one record that matches each output's file now on disk.
     bool Compact(std::string& error);
 
   private:
