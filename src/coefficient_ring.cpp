@@ -170,9 +170,11 @@ bool CoefficientRing::ReaderAt(int row) {
         }
         m_released.store(row, std::memory_order_release);
     }
-    // A row once written stays good even if the writer faults after it.
+    // A row once written stays good even if the writer faults after it. The writer completes
+    // its rows before it gives up, so a reader that finds it given up looks at the rows again:
+    // otherwise a fault after the last row could fail the reader at that row, or not, by timing.
     while (m_written.load(std::memory_order_acquire) <= row) {
-        if (!Wait()) return false;
+        if (!Wait()) return m_written.load(std::memory_order_acquire) > row;
     }
     return true;
 }
