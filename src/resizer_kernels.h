@@ -12,9 +12,9 @@
 // points marked target("avx2") (PlainKernelsFor). Not a per-file -mavx2: that would compile in
 // AVX2 the inline functions and template instances this file shares with others too, the linker
 // may keep that copy for every caller, and a processor without AVX2 would fault on the plain
-// path. A loop is written in intrinsics only where the compiler's version of the plain loop
-// loses clearly. One call, on a line of a 24 MP photograph (ns of CPU, medians of 5 interleaved
-// runs, GCC 12 -O3 on an AMD EPYC):
+// path (tests/avx2_confinement.sh checks the objects). A loop is written in intrinsics only
+// where the compiler's version of the plain loop loses clearly. One call, on a line of a 24 MP
+// photograph (ns of CPU, medians of 5 interleaved runs, GCC 12 -O3 on an AMD EPYC):
 //
 //                                              plain loops         written by hand
 //                                            baseline    AVX2       SSE2      AVX2
