@@ -45,8 +45,8 @@
 // never negative. On those bounds two routes divide exactly, and no other is kept:
 // - float reciprocals when d < kReciprocalDivisors (the sums are then below kReciprocalSums);
 // - otherwise, across, one multiplier per sample and one shift for the line (RowDivider's
-//   SHARED_SHIFT), exact while the largest divisor needs at most kMaxShiftBits bits; down, the
-//   ClampedQuotient of the line's one divisor.
+//   SHARED_SHIFT), exact since the largest divisor needs at most 21 <= kMaxShiftBits bits;
+//   down, the ClampedQuotient of the line's one divisor.
 // Sizes outside that range (the resize tool takes any) still keep every read and write inside
 // the buffers and never trap, but their pixels are not promised to match the formulas.
 //
@@ -148,8 +148,10 @@ inline uint8_t QuotientByReciprocal(uint32_t sum, float reciprocal) {
     return static_cast<uint8_t>(q < 255 ? q : 255);
 }
 
-// The widest divisor the shared shift divides exactly: 8 + 2 * kMaxShiftBits stays below 64.
-constexpr unsigned kMaxShiftBits = 24;
+// The most bits of a line's largest divisor that the shared shift divides exactly by (see
+// RowDivider); wider divisors, which no size the service asks for makes, are shifted as if
+// they had this many, so that the shift stays below 64.
+constexpr unsigned kMaxShiftBits = 22;
 
 // The most inner rows whose samples a 16-bit column sum holds: 257 * 255 == 65535. A footprint
 // with a divisor below kReciprocalDivisors never has more.
@@ -197,7 +199,8 @@ const ReducerKernels* PlainKernelsFor(ResizerPath path);
 // sample and one shift for the whole line. With k = 8 + 2 * bits, bits = ceil(log2) of the
 // largest divisor, and sums clamped to 256 d - 1 < 2^(8 + bits), m = ceil(2^k / d) is exact for
 // every column: its error m*d - 2^k is below d <= 2^bits. Since the divisors of a line are
-// within 1 of each other, the smallest is at least 2^(bits - 1), so m <= 2^(9 + bits) < 2^32.
+// within 1 of each other, the smallest is at least 2^(bits - 1), so m <= 2^(9 + bits), which
+// fits 32 bits up to kMaxShiftBits.
 // Threads: built once, then only read.
 class RowDivider {
   public:
