@@ -131,6 +131,8 @@ class CResizerTidy : public CResizer {
 // read inside the line. A line is computed once the buffers hold exactly the source lines its
 // footprint covers, at most one per source line, so equal or larger sizes deliver fewer lines
 // (and near-doubled values) and the caller pads. Never more than dstHeight lines are handed out.
+// Its pixels match the formulas for the sizes the service asks for (resizer_kernels.h says
+// which, and why its divisions are exact there); other sizes stay inside the buffers.
 class CResizerReduces : public CResizer {
   public:
     CResizerReduces(int srcWidth, int srcHeight, int dstWidth, int dstHeight, ResizerPath path);
@@ -205,11 +207,6 @@ const ReducerKernels* KernelsFor(ResizerPath path) {
     const ReducerKernels* kernels = ReducerKernelsFor(path);
     return kernels != nullptr ? kernels : KernelsFor(RESIZER_PATH_BEST);
 }
-
-// The box sum divides by the footprint length. A footprint shorter than 1/256 of a pixel
-// (enlargements past 256 times) has length 0 and lies inside one sample, whose weights then add
-// up to 256; dividing by 256 instead of 0 gives that sample unchanged.
-inline uint32_t BoxDivisor(uint32_t len) { return len == 0 ? 256 : len; }
 
 // The smooth resizer's interpolation towards the next sample, (w * (next - here)) / 256
 // truncated toward zero, added to the sample the partial interval starts from.
@@ -613,8 +610,8 @@ void CResizerReduces::BuildFilterTable(const std::vector<Footprint>& footprints)
 void CResizerReduces::BuildDivider(const std::vector<Footprint>& footprints) {
     std::vector<uint32_t> divisors;
     divisors.reserve(footprints.size());
-    for (const Footprint& f : footprints) divisors.push_back(BoxDivisor(f.len));
-    m_divider.Build(divisors, m_table.taps);
+    for (const Footprint& f : footprints) divisors.push_back(f.len);
+    m_divider.Build(divisors);
 }
 
 void CResizerReduces::LineProcess(const CPixel* src, CPixel* dst) {
@@ -655,11 +652,11 @@ CPixel* CResizerReduces::GetDestinationLinePointer() {
     const unsigned char* f = Samples(m_lines.Row(ClampIndex(r0, m_lineCount)));
     const unsigned char* l = Samples(m_lines.Row(ClampIndex(r1, m_lineCount)));
     unsigned char* out = Samples(m_dstLine.get());
-    const uint32_t divisor = BoxDivisor(end - start);
+    const uint32_t divisor = end - start;
     // The kernels' column pass takes the rows of a footprint that lies inside the buffers, as it
-    // does whenever lines are taken as soon as they are ready.
-    if (r0 >= 0 && r1 < m_lineCount && r0 <= r1 && r1 - r0 <= 258 &&
-        divisor < kReciprocalDivisors) {
+    // does whenever lines are taken as soon as they are ready; a divisor below
+    // kReciprocalDivisors spans at most 32 inner rows, which its 16-bit sums hold.
+    if (divisor >= 1 && divisor < kReciprocalDivisors && r0 >= 0 && r0 <= r1 && r1 < m_lineCount) {
         const int inner = static_cast<int>(r1 - r0) - 1 > 0 ? static_cast<int>(r1 - r0) - 1 : 0;
         for (int k = 0; k < inner; ++k) {
             m_innerRows[k] = Samples(m_lines.Row(static_cast<int>(r0) + 1 + k));

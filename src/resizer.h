@@ -21,7 +21,9 @@ enum TypeOfResizer { RESIZER_DIRTY = 0, RESIZER_TIDY = 1, RESIZER_REDUCES = 2 };
 // GetDestinationLinePointer.
 // REQUIRES: all four sizes >= 1 (not checked). SetSourceLine reads exactly srcWidth pixels.
 // Positions in 1/256 pixel fit 32 bits for sizes below 2^24; beyond that they wrap, and still
-// no resizer reads or writes outside a buffer.
+// no resizer reads or writes outside a buffer. The area-averaging reducer's pixels follow its
+// formulas for the sizes the service asks for (resizer_kernels.h says which); at others, such as
+// enlargements past 256 times, they are not promised.
 // Threads: one resizer per image, used by one thread; resizers share nothing.
 class CResizer {
   public:

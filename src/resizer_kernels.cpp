@@ -8,11 +8,21 @@
 
 namespace Varnelo {
 
+namespace {
+
+// Bits of a sample: a sum clamped below 256 times its divisor d has at most 8 + ceil(log2 d).
+constexpr unsigned kSampleBits = 8;
+// Sums that read as non-negative int32 values, the ones ClampedQuotient divides.
+constexpr unsigned kSignedSumBits = 31;
+
+}  // namespace
+
 ClampedQuotient::ClampedQuotient(uint32_t divisor) {
-    const uint64_t d = divisor == 0 ? 1 : divisor;  // callers never divide by 0
-    m_shift = 31 + CeilLog2(d);
+    const uint64_t d = divisor == 0 ? 1 : divisor;
+    m_shift = kSignedSumBits + CeilLog2(d);
     m_mul = static_cast<uint32_t>(((uint64_t(1) << m_shift) + d - 1) / d);
-    m_limit = static_cast<uint32_t>(std::min<uint64_t>(256 * d - 1, 0x7FFFFFFF));
+    m_limit = static_cast<uint32_t>(
+        std::min<uint64_t>((d << kSampleBits) - 1, (uint64_t(1) << kSignedSumBits) - 1));
 }
 
 void ReducerFilterTable::Build(int window, const std::vector<int>& first,
@@ -21,28 +31,25 @@ void ReducerFilterTable::Build(int window, const std::vector<int>& first,
     taps = window;
     chunks = std::max(1, (taps + kRunPixels - 1) / kRunPixels);
     firstPixel = first;
-    weights.assign(static_cast<size_t>((columns + 1) / 2) * chunks * 3 * 16, 0);
+    weights.assign(static_cast<size_t>((columns + 1) / 2) * chunks * kRunWords, 0);
     tapWeight.clear();
-    for (int k = 0; k < taps; ++k) {
-        tapWeight.push_back(k / kRunPixels * 48 + k % kRunPixels / 2 * 16 + k % kRunPixels % 2);
-    }
+    for (int k = 0; k < taps; ++k) tapWeight.push_back(TapPlace(k));
     for (int x = 0; x < columns; ++x) {
+        int16_t* column = weights.data() + ColumnPlace(x, chunks);
         for (int k = 0; k < taps; ++k) {
-            const uint32_t w = plain[static_cast<size_t>(x) * taps + k];
-            const int run = k / kRunPixels, pair = k % kRunPixels / 2, slot = k % kRunPixels % 2;
-            int16_t* v =
-                &weights[((static_cast<size_t>(x / 2) * chunks + run) * 3 + pair) * 16 + x % 2 * 8];
-            v[slot] = v[slot + 2] = v[slot + 4] = static_cast<int16_t>(w);
+            // The same weight for red, green and blue, two words apart.
+            int16_t* v = column + TapPlace(k);
+            v[0] = v[2] = v[4] = static_cast<int16_t>(plain[static_cast<size_t>(x) * taps + k]);
         }
     }
 }
 
 int ReducerFilterTable::ColumnsInside(int width) const {
-    // The last load of column x ends 3 * (firstPixel[x] + 5 * (chunks - 1)) + 16 bytes into the
-    // line; firstPixel never decreases, so the columns inside are a prefix.
+    // The last load of column x ends 3 * firstPixel[x] + kRunBytes * (chunks - 1) + kLoadBytes
+    // bytes into the line; firstPixel never decreases, so the columns inside are a prefix.
     const int64_t lineBytes = int64_t(3) * width;
     const auto outside = std::find_if(firstPixel.begin(), firstPixel.end(), [&](int f) {
-        return 3 * (int64_t(f) + kRunPixels * (chunks - 1)) + kLoadBytes > lineBytes;
+        return 3 * int64_t(f) + kRunBytes * (chunks - 1) + kLoadBytes > lineBytes;
     });
     return static_cast<int>(outside - firstPixel.begin());
 }
@@ -52,83 +59,52 @@ int ReducerFilterTable::TailStart(int width) const {
     return inside < columns ? firstPixel[inside] : width;
 }
 
-void RowDivider::Build(const std::vector<uint32_t>& divisors, int taps) {
+void RowDivider::Build(const std::vector<uint32_t>& divisors) {
     m_reciprocals.clear();
     m_mul.clear();
     m_limit.clear();
-    m_means.clear();
-    // Windows of at most 64 weights of at most 511 keep every sum below 2^23.
-    const bool small = taps <= 64 && std::all_of(divisors.begin(), divisors.end(), [](uint32_t d) {
-                           return d < kReciprocalDivisors;
-                       });
+    const bool small = std::all_of(divisors.begin(), divisors.end(),
+                                   [](uint32_t d) { return d >= 1 && d < kReciprocalDivisors; });
     if (small) {
         m_method = RECIPROCALS;
         for (uint32_t d : divisors) m_reciprocals.insert(m_reciprocals.end(), 3, Reciprocal(d));
         return;
     }
-    // One shift for the whole line: sums clamped to 256 d - 1 are below 2^(8 + bits), so with
-    // k = 8 + 2 * bits, bits = ceil(log2) of the largest divisor, m = ceil(2^k / d) is exact
-    // for every column (its error m*d - 2^k is below d <= 2^bits). That needs every sum below
-    // 2^31 (no window long enough to overflow), bits <= 24 and every m below 2^32.
+    m_method = SHARED_SHIFT;
     unsigned bits = 0;
     for (uint32_t d : divisors) bits = std::max(bits, CeilLog2(d));
-    const unsigned shift = 8 + 2 * bits;
-    bool shared = uint64_t(taps) * 255 * 256 < 0x80000000u && bits <= 24;
-    for (size_t x = 0; x < divisors.size() && shared; ++x) {
-        const uint64_t d = divisors[x];
-        const uint64_t m = ((uint64_t(1) << shift) + d - 1) / d;
-        shared = m <= 0xFFFFFFFFu;
-        m_mul.insert(m_mul.end(), 3, static_cast<uint32_t>(m));
-        m_limit.insert(m_limit.end(), 3, static_cast<uint32_t>(256 * d - 1));
-    }
-    if (shared) {
-        m_method = SHARED_SHIFT;
-        m_shift = shift;
-        return;
-    }
-    m_method = PER_COLUMN;
-    m_mul.clear();
-    m_limit.clear();
-    for (uint32_t d : divisors) m_means.push_back(ClampedQuotient(d));
-}
-
-namespace {
-
-void SharedShiftQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
-                          const uint32_t* __restrict mul, const uint32_t* __restrict limit,
-                          unsigned shift, int n) {
-    for (int i = 0; i < n; ++i) {
-        const uint32_t s = sums[i] < limit[i] ? sums[i] : limit[i];
-        out[i] = static_cast<unsigned char>((static_cast<uint64_t>(s) * mul[i]) >> shift);
+    // Only sizes the service never asks for (sources over 65535 pixels, enlargements past 256
+    // times) need more bits or have a divisor of 0: they get a defined shift and no trap, not
+    // exact quotients.
+    m_shift = kSampleBits + 2 * std::min(bits, kMaxShiftBits);
+    for (uint32_t divisor : divisors) {
+        const uint64_t d = std::max<uint64_t>(divisor, 1);
+        m_mul.insert(m_mul.end(), 3, static_cast<uint32_t>(((uint64_t(1) << m_shift) + d - 1) / d));
+        m_limit.insert(m_limit.end(), 3, static_cast<uint32_t>((d << kSampleBits) - 1));
     }
 }
-
-}  // namespace
 
 void RowDivider::Divide(const ReducerKernels& kernels, const uint32_t* sums, unsigned char* out,
                         int columns) const {
-    switch (m_method) {
-        case RECIPROCALS:
-            return kernels.rowQuotients(out, sums, m_reciprocals.data(), 3 * columns);
-        case SHARED_SHIFT:
-            return SharedShiftQuotients(out, sums, m_mul.data(), m_limit.data(), m_shift,
-                                        3 * columns);
-        case PER_COLUMN:
-            for (int x = 0; x < columns; ++x) {
-                const ClampedQuotient& q = m_means[x];
-                for (int c = 0; c < 3; ++c) out[3 * x + c] = q.Of(sums[3 * x + c]);
-            }
-            return;
+    if (m_method == RECIPROCALS) {
+        kernels.rowQuotients(out, sums, m_reciprocals.data(), 3 * columns);
+    } else {
+        kernels.shiftQuotients(out, sums, m_mul.data(), m_limit.data(), m_shift, 3 * columns);
     }
 }
 
 namespace {
 
 // ---------------------------------------------------------------------------------------------
-// Plain C++: the same tables, read a tap at a time; loops the compiler may vectorise.
+// The plain set: loops the compiler vectorises. Each is a body forced inline into the entry
+// points below, so that every entry point compiles it for its own instruction set. Whatever
+// else a body calls compiles once, for the baseline.
+
+#define VARNELO_BODY inline __attribute__((always_inline))
 
 // Columns [begin, end) a tap at a time. With the window length known at compile time (Taps > 0)
-// the loop over it unrolls completely and every weight's place in the table is a constant.
+// the loop over it unrolls completely and every weight's place in the table is a constant. No
+// compiler here vectorises this loop, at either width, so it is built once.
 template <int Taps>
 void FilterColumnsPlain(const ReducerFilterTable& table, const unsigned char* src, int origin,
                         int begin, int end, uint32_t* sums) {
@@ -136,12 +112,11 @@ void FilterColumnsPlain(const ReducerFilterTable& table, const unsigned char* sr
     const int* place = table.tapWeight.data();
     for (int x = begin; x < end; ++x) {
         const unsigned char* p = src + 3 * (table.firstPixel[x] - origin);
-        const int16_t* w = &table.weights[static_cast<size_t>(x / 2) * table.chunks * 48 +
-                                          static_cast<size_t>(x % 2) * 8];
+        const int16_t* w = table.weights.data() + ReducerFilterTable::ColumnPlace(x, table.chunks);
         uint32_t r = 0, g = 0, b = 0;
         for (int k = 0; k < taps; ++k) {
-            const int at = Taps > 0 ? k / 5 * 48 + k % 5 / 2 * 16 + k % 5 % 2 : place[k];
-            const uint32_t weight = static_cast<uint32_t>(w[at]);
+            const uint32_t weight =
+                static_cast<uint32_t>(w[Taps > 0 ? ReducerFilterTable::TapPlace(k) : place[k]]);
             r += p[3 * k] * weight;
             g += p[3 * k + 1] * weight;
             b += p[3 * k + 2] * weight;
@@ -156,22 +131,34 @@ void FilterPlain(const ReducerFilterTable& table, const unsigned char* src, int 
                  int end, uint32_t* sums) {
     using Filter =
         void (*)(const ReducerFilterTable&, const unsigned char*, int, int, int, uint32_t*);
-    static const Filter kFilters[] = {
+    // Windows up to kUnrolled taps long get a loop of their own.
+    constexpr int kUnrolled = 8;
+    static const Filter kByTaps[kUnrolled + 1] = {
         FilterColumnsPlain<0>, FilterColumnsPlain<1>, FilterColumnsPlain<2>,
         FilterColumnsPlain<3>, FilterColumnsPlain<4>, FilterColumnsPlain<5>,
         FilterColumnsPlain<6>, FilterColumnsPlain<7>, FilterColumnsPlain<8>};
-    kFilters[table.taps <= 8 ? table.taps : 0](table, src, origin, begin, end, sums);
+    kByTaps[table.taps <= kUnrolled ? table.taps : 0](table, src, origin, begin, end, sums);
 }
 
-void RowQuotientsPlain(unsigned char* __restrict out, const uint32_t* __restrict sums,
-                       const float* __restrict reciprocals, int n) {
+VARNELO_BODY void RowQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
+                               const float* __restrict reciprocals, int n) {
     for (int i = 0; i < n; ++i) out[i] = QuotientByReciprocal(sums[i], reciprocals[i]);
 }
 
+VARNELO_BODY void ShiftQuotients(unsigned char* __restrict out, const uint32_t* __restrict sums,
+                                 const uint32_t* __restrict mul, const uint32_t* __restrict limit,
+                                 unsigned shift, int n) {
+    for (int i = 0; i < n; ++i) {
+        const uint32_t s = sums[i] < limit[i] ? sums[i] : limit[i];
+        out[i] = static_cast<unsigned char>((static_cast<uint64_t>(s) * mul[i]) >> shift);
+    }
+}
+
 // The inner rows summed in blocks of samples that stay in registers, then the ends added.
-void ColumnMeansPlain(unsigned char* out, const unsigned char* first,
-                      const unsigned char* const* inner, int innerCount, const unsigned char* last,
-                      uint32_t w0, uint32_t w1, float reciprocal, int n) {
+VARNELO_BODY void ColumnMeans(unsigned char* out, const unsigned char* first,
+                              const unsigned char* const* inner, int innerCount,
+                              const unsigned char* last, uint32_t w0, uint32_t w1, float reciprocal,
+                              int n) {
     constexpr int kBlock = 64;
     uint32_t sums[kBlock];
     for (int i = 0; i < n; i += kBlock) {
@@ -188,7 +175,22 @@ void ColumnMeansPlain(unsigned char* out, const unsigned char* first,
     }
 }
 
-const ReducerKernels kPlain = {FilterPlain, RowQuotientsPlain, ColumnMeansPlain};
+// Entry points for the baseline.
+void RowQuotientsPlain(unsigned char* out, const uint32_t* sums, const float* reciprocals, int n) {
+    RowQuotients(out, sums, reciprocals, n);
+}
+void ShiftQuotientsPlain(unsigned char* out, const uint32_t* sums, const uint32_t* mul,
+                         const uint32_t* limit, unsigned shift, int n) {
+    ShiftQuotients(out, sums, mul, limit, shift, n);
+}
+void ColumnMeansPlain(unsigned char* out, const unsigned char* first,
+                      const unsigned char* const* inner, int innerCount, const unsigned char* last,
+                      uint32_t w0, uint32_t w1, float reciprocal, int n) {
+    ColumnMeans(out, first, inner, innerCount, last, w0, w1, reciprocal, n);
+}
+
+const ReducerKernels kPlain = {FilterPlain, RowQuotientsPlain, ShiftQuotientsPlain,
+                               ColumnMeansPlain};
 
 }  // namespace
 
@@ -196,8 +198,31 @@ const ReducerKernels kPlain = {FilterPlain, RowQuotientsPlain, ColumnMeansPlain}
 
 namespace {
 
+#define VARNELO_AVX2 __attribute__((target("avx2")))
+
+// The same bodies compiled for AVX2.
+VARNELO_AVX2 void RowQuotientsPlainAvx2(unsigned char* out, const uint32_t* sums,
+                                        const float* reciprocals, int n) {
+    RowQuotients(out, sums, reciprocals, n);
+}
+VARNELO_AVX2 void ShiftQuotientsPlainAvx2(unsigned char* out, const uint32_t* sums,
+                                          const uint32_t* mul, const uint32_t* limit,
+                                          unsigned shift, int n) {
+    ShiftQuotients(out, sums, mul, limit, shift, n);
+}
+VARNELO_AVX2 void ColumnMeansPlainAvx2(unsigned char* out, const unsigned char* first,
+                                       const unsigned char* const* inner, int innerCount,
+                                       const unsigned char* last, uint32_t w0, uint32_t w1,
+                                       float reciprocal, int n) {
+    ColumnMeans(out, first, inner, innerCount, last, w0, w1, reciprocal, n);
+}
+
+// The plain filter ran no faster compiled for AVX2, so it is built once.
+const ReducerKernels kPlainAvx2 = {FilterPlain, RowQuotientsPlainAvx2, ShiftQuotientsPlainAvx2,
+                                   ColumnMeansPlainAvx2};
+
 // ---------------------------------------------------------------------------------------------
-// SSE2: one destination column per step.
+// SSE2 by hand: one destination column, or sixteen samples, per step.
 
 // Words {a.r, b.r, a.g, b.g, a.b, b.b, junk, junk} of the pixels a and b starting at the
 // first byte of `a` and of `b`, ready for a multiply-add with {wa, wb, wa, wb, wa, wb, 0, 0}.
@@ -205,31 +230,33 @@ inline __m128i PairWords(__m128i a, __m128i b) {
     return _mm_unpacklo_epi8(_mm_unpacklo_epi8(a, b), _mm_setzero_si128());
 }
 
-// Columns [begin, end), one at a time; Pairs: the tap pairs used in each run, 3 unless a single
-// run has fewer taps.
+inline __m128i Load(const void* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+// Columns [begin, end), one at a time; Pairs: the tap pairs used in each run, all of them
+// unless a single run has fewer taps.
 template <int Pairs>
 void FilterColumnsSse2(const ReducerFilterTable& table, const unsigned char* src, int origin,
                        int begin, int end, uint32_t* sums) {
     const int chunks = table.chunks;
     for (int x = begin; x < end; ++x) {
         const unsigned char* p = src + 3 * (table.firstPixel[x] - origin);
-        const int16_t* w = &table.weights[static_cast<size_t>(x / 2) * chunks * 48 +
-                                          static_cast<size_t>(x % 2) * 8];
+        const int16_t* w = table.weights.data() + ReducerFilterTable::ColumnPlace(x, chunks);
         __m128i acc = _mm_setzero_si128();
-        for (int run = 0; run < chunks; ++run, p += 15, w += 48) {
-            const __m128i px = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        for (int run = 0; run < chunks;
+             ++run, p += ReducerFilterTable::kRunBytes, w += ReducerFilterTable::kRunWords) {
+            const __m128i px = Load(p);
             const __m128i* wv = reinterpret_cast<const __m128i*>(w);
-            acc = _mm_add_epi32(
-                acc, _mm_madd_epi16(PairWords(px, _mm_srli_si128(px, 3)), _mm_loadu_si128(wv)));
+            acc =
+                _mm_add_epi32(acc, _mm_madd_epi16(PairWords(px, _mm_srli_si128(px, 3)), Load(wv)));
             if (Pairs > 1) {
                 acc = _mm_add_epi32(
                     acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 6), _mm_srli_si128(px, 9)),
-                                        _mm_loadu_si128(wv + 2)));
+                                        Load(wv + 2)));
             }
             if (Pairs > 2) {
                 acc = _mm_add_epi32(
                     acc, _mm_madd_epi16(PairWords(_mm_srli_si128(px, 12), _mm_srli_si128(px, 15)),
-                                        _mm_loadu_si128(wv + 4)));
+                                        Load(wv + 4)));
             }
         }
         // {r, g, b, 0}: the fourth lane is overwritten by the next column.
@@ -237,9 +264,9 @@ void FilterColumnsSse2(const ReducerFilterTable& table, const unsigned char* src
     }
 }
 
-// Tap pairs a run needs: all three, unless the window is a single run of at most four taps.
+// Tap pairs a run needs: all of them, unless the window is a single run with fewer taps.
 inline int PairsPerRun(const ReducerFilterTable& table) {
-    return table.chunks == 1 ? (table.taps + 1) / 2 : 3;
+    return table.chunks == 1 ? (table.taps + 1) / 2 : ReducerFilterTable::kPairsPerRun;
 }
 
 void FilterSse2(const ReducerFilterTable& table, const unsigned char* src, int origin, int begin,
@@ -253,8 +280,6 @@ void FilterSse2(const ReducerFilterTable& table, const unsigned char* src, int o
             return FilterColumnsSse2<3>(table, src, origin, begin, end, sums);
     }
 }
-
-inline __m128i Load(const void* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
 // Four QuotientByReciprocal results as 32-bit lanes, unclamped.
 inline __m128i Quotients4(__m128i sums, __m128 reciprocals) {
@@ -277,17 +302,7 @@ void RowQuotientsSse2(unsigned char* out, const uint32_t* sums, const float* rec
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i),
                          PackQuotients(q[0], q[1], q[2], q[3]));
     }
-    for (; i < n; ++i) out[i] = QuotientByReciprocal(sums[i], reciprocals[i]);
-}
-
-void ColumnMeansTail(unsigned char* out, const unsigned char* first,
-                     const unsigned char* const* inner, int innerCount, const unsigned char* last,
-                     uint32_t w0, uint32_t w1, float reciprocal, int begin, int n) {
-    for (int i = begin; i < n; ++i) {
-        uint32_t s = 0;
-        for (int k = 0; k < innerCount; ++k) s += inner[k][i];
-        out[i] = QuotientByReciprocal(s * 256 + first[i] * w0 + last[i] * w1, reciprocal);
-    }
+    RowQuotients(out + i, sums + i, reciprocals + i, n - i);
 }
 
 // Sixteen samples of a column pass, lane by lane: the sums {first * w0 + 256 * inner +
@@ -303,6 +318,17 @@ inline void ColumnSums16(__m128i innerLo, __m128i innerHi, __m128i first, __m128
         s[2 * h] = _mm_add_epi32(lo, _mm_slli_epi32(_mm_unpacklo_epi16(innerWords[h], zero), 8));
         s[2 * h + 1] =
             _mm_add_epi32(hi, _mm_slli_epi32(_mm_unpackhi_epi16(innerWords[h], zero), 8));
+    }
+}
+
+// The samples past the last whole block of `done`, one at a time.
+void ColumnMeansTail(unsigned char* out, const unsigned char* first,
+                     const unsigned char* const* inner, int innerCount, const unsigned char* last,
+                     uint32_t w0, uint32_t w1, float reciprocal, int done, int n) {
+    for (int i = done; i < n; ++i) {
+        uint32_t s = 0;
+        for (int k = 0; k < innerCount; ++k) s += inner[k][i];
+        out[i] = QuotientByReciprocal(s * 256 + first[i] * w0 + last[i] * w1, reciprocal);
     }
 }
 
@@ -329,16 +355,14 @@ void ColumnMeansSse2(unsigned char* out, const unsigned char* first,
     ColumnMeansTail(out, first, inner, innerCount, last, w0, w1, reciprocal, i, n);
 }
 
-const ReducerKernels kSse2 = {FilterSse2, RowQuotientsSse2, ColumnMeansSse2};
+const ReducerKernels kSse2 = {FilterSse2, RowQuotientsSse2, ShiftQuotientsPlain, ColumnMeansSse2};
 
 // ---------------------------------------------------------------------------------------------
-// AVX2: two destination columns, or 32 samples, per step.
-
-#define VARNELO_AVX2 __attribute__((target("avx2")))
+// AVX2 by hand: two destination columns, or 32 samples, per step.
 
 // Byte shuffles that spread the three tap pairs of a five-pixel run into {a.r, b.r, a.g, b.g,
 // a.b, b.b, 0, 0} words, as PairWords does, in each 128-bit lane.
-VARNELO_AVX2 inline __m256i PairShuffle(int pair) {
+VARNELO_AVX2 inline __m256i PairShuffleAvx2(int pair) {
     const char a = static_cast<char>(6 * pair), z = static_cast<char>(-128);
     const char b = pair == 2 ? z : static_cast<char>(a + 3);  // tap 5 lies past the load
     const char c = pair == 2 ? z : static_cast<char>(a + 4),
@@ -349,29 +373,32 @@ VARNELO_AVX2 inline __m256i PairShuffle(int pair) {
 }
 
 // Columns [x, end) two by two, x even. Chunks: runs per window when known at compile time (a
-// single run, the usual case, needs no loop); Pairs: tap pairs used in each run, 3 unless a
-// single run has fewer taps.
+// single run, the usual case, needs no loop); Pairs: tap pairs used in each run.
 template <int Chunks, int Pairs>
 VARNELO_AVX2 void FilterColumnPairsAvx2(const ReducerFilterTable& table, const unsigned char* src,
                                         int origin, int x, int end, uint32_t* sums) {
+    constexpr int kRunVectors = ReducerFilterTable::kPairsPerRun;
     const int chunks = Chunks > 0 ? Chunks : table.chunks;
-    const __m256i shuffle[3] = {PairShuffle(0), PairShuffle(1), PairShuffle(2)};
+    const __m256i shuffle[kRunVectors] = {PairShuffleAvx2(0), PairShuffleAvx2(1),
+                                          PairShuffleAvx2(2)};
     const int* first = table.firstPixel.data();
-    const __m256i* w = reinterpret_cast<const __m256i*>(table.weights.data()) +
-                       static_cast<size_t>(x / 2) * chunks * 3;
+    const __m256i* w =
+        reinterpret_cast<const __m256i*>(table.weights.data() + table.ColumnPlace(x, chunks));
     for (; x + 2 <= end; x += 2) {
         const unsigned char* p0 = src + 3 * (first[x] - origin);
         const unsigned char* p1 = src + 3 * (first[x + 1] - origin);
         __m256i acc = _mm256_setzero_si256();
-        for (int run = 0; run < chunks; ++run, p0 += 15, p1 += 15, w += 3) {
-            const __m256i px = _mm256_inserti128_si256(
-                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p0))),
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1)), 1);
+        for (int run = 0; run < chunks; ++run) {
+            const __m256i px =
+                _mm256_inserti128_si256(_mm256_castsi128_si256(Load(p0)), Load(p1), 1);
             for (int pair = 0; pair < Pairs; ++pair) {
                 acc =
                     _mm256_add_epi32(acc, _mm256_madd_epi16(_mm256_shuffle_epi8(px, shuffle[pair]),
                                                             _mm256_loadu_si256(w + pair)));
             }
+            p0 += ReducerFilterTable::kRunBytes;
+            p1 += ReducerFilterTable::kRunBytes;
+            w += kRunVectors;
         }
         _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 3 * x), _mm256_castsi256_si128(acc));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 3 * x + 3),
@@ -400,11 +427,11 @@ VARNELO_AVX2 void FilterAvx2(const ReducerFilterTable& table, const unsigned cha
     if (last < end) FilterSse2(table, src, origin, last, end, sums);
 }
 
-VARNELO_AVX2 inline __m256i Load256(const void* p) {
+VARNELO_AVX2 inline __m256i LoadAvx2(const void* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
 }
 
-VARNELO_AVX2 inline __m256i Quotients8(__m256i sums, __m256 reciprocals) {
+VARNELO_AVX2 inline __m256i QuotientsAvx2(__m256i sums, __m256 reciprocals) {
     const __m256 x = _mm256_add_ps(_mm256_cvtepi32_ps(sums), _mm256_set1_ps(0.5f));
     return _mm256_cvttps_epi32(_mm256_mul_ps(x, reciprocals));
 }
@@ -417,14 +444,15 @@ VARNELO_AVX2 void RowQuotientsAvx2(unsigned char* out, const uint32_t* sums,
     for (; i + 32 <= n; i += 32) {
         __m256i q[4];
         for (int k = 0; k < 4; ++k) {
-            q[k] = Quotients8(Load256(sums + i + 8 * k), _mm256_loadu_ps(reciprocals + i + 8 * k));
+            q[k] =
+                QuotientsAvx2(LoadAvx2(sums + i + 8 * k), _mm256_loadu_ps(reciprocals + i + 8 * k));
         }
         const __m256i bytes =
             _mm256_packus_epi16(_mm256_packs_epi32(q[0], q[1]), _mm256_packs_epi32(q[2], q[3]));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i),
                             _mm256_permutevar8x32_epi32(bytes, order));
     }
-    for (; i < n; ++i) out[i] = QuotientByReciprocal(sums[i], reciprocals[i]);
+    RowQuotients(out + i, sums + i, reciprocals + i, n - i);
 }
 
 // The column pass of ColumnMeansSse2 with each 128-bit lane doing the work of one SSE2 register
@@ -440,11 +468,11 @@ VARNELO_AVX2 void ColumnMeansAvx2(unsigned char* out, const unsigned char* first
     for (; i + 32 <= n; i += 32) {
         __m256i lo = zero, hi = zero;
         for (int k = 0; k < innerCount; ++k) {
-            const __m256i row = Load256(inner[k] + i);
+            const __m256i row = LoadAvx2(inner[k] + i);
             lo = _mm256_add_epi16(lo, _mm256_unpacklo_epi8(row, zero));
             hi = _mm256_add_epi16(hi, _mm256_unpackhi_epi8(row, zero));
         }
-        const __m256i f = Load256(first + i), l = Load256(last + i);
+        const __m256i f = LoadAvx2(first + i), l = LoadAvx2(last + i);
         const __m256i ends[2] = {_mm256_unpacklo_epi8(f, l), _mm256_unpackhi_epi8(f, l)};
         const __m256i innerWords[2] = {lo, hi};
         __m256i s[4];
@@ -456,7 +484,7 @@ VARNELO_AVX2 void ColumnMeansAvx2(unsigned char* out, const unsigned char* first
             s[2 * h + 1] = _mm256_add_epi32(
                 endsHi, _mm256_slli_epi32(_mm256_unpackhi_epi16(innerWords[h], zero), 8));
         }
-        for (__m256i& v : s) v = Quotients8(v, r);
+        for (__m256i& v : s) v = QuotientsAvx2(v, r);
         const __m256i bytes =
             _mm256_packus_epi16(_mm256_packs_epi32(s[0], s[1]), _mm256_packs_epi32(s[2], s[3]));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), bytes);
@@ -464,9 +492,10 @@ VARNELO_AVX2 void ColumnMeansAvx2(unsigned char* out, const unsigned char* first
     ColumnMeansTail(out, first, inner, innerCount, last, w0, w1, reciprocal, i, n);
 }
 
-#undef VARNELO_AVX2
+const ReducerKernels kAvx2 = {FilterAvx2, RowQuotientsAvx2, ShiftQuotientsPlainAvx2,
+                              ColumnMeansAvx2};
 
-const ReducerKernels kAvx2 = {FilterAvx2, RowQuotientsAvx2, ColumnMeansAvx2};
+#undef VARNELO_AVX2
 
 }  // namespace
 
@@ -477,12 +506,23 @@ const ReducerKernels* ReducerKernelsFor(ResizerPath path) {
     return nullptr;
 }
 
+const ReducerKernels* PlainKernelsFor(ResizerPath path) {
+    // The baseline of x86-64 includes SSE2.
+    if (path == RESIZER_PATH_PLAIN || path == RESIZER_PATH_SSE2) return &kPlain;
+    if (path == RESIZER_PATH_AVX2 && __builtin_cpu_supports("avx2")) return &kPlainAvx2;
+    return nullptr;
+}
+
 #else
 
 const ReducerKernels* ReducerKernelsFor(ResizerPath path) {
     return path == RESIZER_PATH_PLAIN ? &kPlain : nullptr;
 }
 
+const ReducerKernels* PlainKernelsFor(ResizerPath path) { return ReducerKernelsFor(path); }
+
 #endif
+
+#undef VARNELO_BODY
 
 }  // namespace Varnelo

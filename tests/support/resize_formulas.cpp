@@ -18,7 +18,7 @@ CPixel BoxSum(const Samples& v, uint32_t start, uint32_t end, int64_t i0, int64_
     CRGBPixel s;
     for (int64_t k = i0 + 1; k <= i1 - 1; ++k) s += v(k);
     s = s * 256 + v(i0) * int(256 - start % 256) + v(i1) * int(end % 256);
-    s /= int(end - start == 0 ? 256 : end - start);  // a footprint under 1/256 px keeps its sample
+    s /= int(end - start);
     s.Norm();
     return s.Get();
 }
