@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -370,26 +369,15 @@ const StagedCase kStagedCases[] = {
     {"Full444", [] { return EncodeJpeg(Photo(601, 803, JpegKind::COLOUR_444)); }, 100},
     {"GreyAt40x", [] { return EncodeJpeg(Photo(1200, 817, JpegKind::GREY, false)); }, 30},
     {"Cmyk", [] { return EncodeJpeg(Photo(300, 200, JpegKind::CMYK, false)); }, 100},
-    {"PatternAt40x", [] { return EncodeJpeg(Photo(1601, 1283, JpegKind::COLOUR_420, false)); }, 40},
-    {"Portrait", [] { return EncodeJpeg(Photo(333, 1001)); }, 333},
     {"SixteenLines", [] { return EncodeJpeg(Photo(256, 16)); }, 128},
     {"OneLine", [] { return EncodeJpeg(Photo(300, 1)); }, 100},
     {"RestartMarkers", [] { return WithRestarts(); }, 200},
     {"RestartMarkersDamaged", [] { return Damaged(WithRestarts(), 0.4, 24); }, 200},
-    {"Progressive",
-     [] {
-         JpegShape s = Photo(400, 300);
-         s.progressive = true;
-         return EncodeJpeg(s);
-     },
-     100},
     {"Cut", [] { return TruncateInScan(Photo420()); }, 200},
     {"AlreadySmall", [] { return Photo420(); }, 2000},
     {"TrailingBytes",
      [] { return Photo420().substr(0, Photo420().size() - 2) + "garbage\xFF\xD9"; }, 200},
     {"DamagedEarly", [] { return Damaged(Photo420(), 0.1, 24); }, 200},
-    {"DamagedMidway", [] { return Damaged(Photo420(), 0.45, 24); }, 200},
-    {"DamagedLate", [] { return Damaged(Photo420(), 0.78, 24); }, 200},
     {"DamagedAtTheEnd", [] { return Damaged(Photo420(), 0.9, 24); }, 200},
     // A fault after the last line: met when the decoder is finished.
     {"FrameMarkerInTheScan",
@@ -420,28 +408,6 @@ TEST_P(StagedConversionTest, WritesWhatOneThreadWrites) {
 
 INSTANTIATE_TEST_SUITE_P(Sources, StagedConversionTest, ::testing::ValuesIn(kStagedCases),
                          [](const auto& p) { return std::string(p.param.name); });
-
-// The camera photos, when their folder is there.
-class StagedCameraPhotoTest : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(StagedCameraPhotoTest, WritesWhatOneThreadWrites) {
-    const std::string path = std::string(VARNELO_PHOTOS_DIR) + "/" + GetParam();
-    if (!FileExists(path)) GTEST_SKIP() << path << " is not there";
-    TempDir tmp;
-    EXPECT_TRUE(ConvertIn(CONVERT_THREADS_STAGED, path, 300, tmp) ==
-                ConvertIn(CONVERT_THREADS_ONE, path, 300, tmp));
-}
-
-INSTANTIATE_TEST_SUITE_P(Photos, StagedCameraPhotoTest,
-                         ::testing::Values("corrupted.jpg", "hdr_canon_hdr_NO.jpg",
-                                           "gps_DSCN0010.jpg", "exif-org_sony-d700.jpg",
-                                           "orientation_portrait_1.jpg", "xmp_no_exif.jpg",
-                                           "invalid_image01713.jpg"),
-                         [](const auto& p) {
-                             std::string name = p.param;
-                             for (char& c : name) c = std::isalnum(c) ? c : '_';
-                             return name;
-                         });
 
 // A library that used the ring outside its contract, at the point the case names: the staged
 // conversion falls back to one thread unseen, on a clean photo and on one whose warnings come

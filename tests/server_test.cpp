@@ -220,50 +220,5 @@ TEST(ServerTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
     EXPECT_TRUE(other.empty());
 }
 
-// Faults of the file system fail their one image; the service goes on answering.
-TEST(ServerTest, DiskAndFileFaultsFailOnlyTheirImage) {
-    TempDir tmp;
-    const std::string photo = tmp.Write("photo.jpg", EncodeJpeg({800, 600}));
-    const bool full =
-        symlink("/dev/full", tmp.Path("full.jpg").c_str()) == 0 && access("/dev/full", W_OK) == 0;
-    ServiceProcess service(VARNELO_BIN);
-    const auto answer = [&service](const std::string& request) {
-        service.Send(request);
-        const std::vector<std::string> responses = service.ReadResponses(1);
-        const std::vector<ImageAnswer> answers =
-            responses.empty() ? std::vector<ImageAnswer>() : ImageAnswers(responses[0]);
-        return answers.empty() ? std::string("no answer") : answers[0].values.at("failureReason");
-    };
-    const std::string downsample = "upload.downsampleRequest";
-    if (full) {
-        EXPECT_EQ(answer(Image(downsample, 1, photo, tmp.Path("full.jpg"))),
-                  "jpeg resampling error");
-    }
-    EXPECT_EQ(answer(Image(downsample, 2, photo, "/proc/varnelo/x.jpg")),
-              "create destination file error");
-
-    // Four conversions of one source at once.
-    for (int i = 0; i < 4; ++i) {
-        service.Send(Image(downsample, 10 + i, photo, tmp.Path("copy" + ToString(i) + ".jpg")));
-    }
-    const std::vector<std::string> copies = service.ReadResponses(4);
-    ASSERT_EQ(copies.size(), 4u);
-    for (const std::string& response : copies) {
-        EXPECT_EQ(ImageAnswers(response).at(0).values.at("success"), "1");
-    }
-    for (int i = 1; i < 4; ++i) {
-        EXPECT_EQ(ReadFileBytes(tmp.Path("copy" + ToString(i) + ".jpg")),
-                  ReadFileBytes(tmp.Path("copy0.jpg")));
-    }
-
-    // The source is removed between two requests.
-    service.Send(Request("service.erase", "<param><value><array><data><value><string>" + photo +
-                                              "</string></value></data></array></value></param>"));
-    EXPECT_EQ(service.ReadResponses(1), std::vector<std::string>{kDone});
-    EXPECT_EQ(answer(Image(downsample, 20, photo, tmp.Path("gone.jpg"))), "internal error");
-    service.Send("exit\n");
-    EXPECT_EQ(service.Wait(5000), 0);
-}
-
 }  // namespace
 }  // namespace Varnelo
