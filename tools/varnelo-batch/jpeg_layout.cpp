@@ -75,6 +75,13 @@ JpegLayout SplitJpeg(const std::string& d, bool headOnly) {
             break;
         }
         const int marker = static_cast<int>(Byte(d, m + 1));
+        if (marker == 0x00) {
+            // A stuffed zero is no marker outside a scan either: the decoder skips it as stray
+            // bytes and reads on, and so must we, or a segment behind it would go unseen.
+            layout.pieces.push_back({JpegPiece::DATA, 0, at, m + 2, m + 2});
+            at = m + 2;
+            continue;
+        }
         if (marker == kSoi) {
             layout.problem = "a second start of image at byte " + std::to_string(m);
             return layout;
