@@ -1,5 +1,6 @@
 #include "jpeg_layout.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace Varnelo {
@@ -15,6 +16,15 @@ bool Standalone(int marker) { return marker == 0x01 || (marker >= 0xD0 && marker
 // Start-of-frame markers: every 0xC0..0xCF but DHT, JPG and DAC.
 bool IsFrame(int marker) {
     return (marker & 0xF0) == 0xC0 && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+}
+
+// Markers the decoder accepts before the first scan: frames but JPG, tables, the restart
+// interval, restart and TEM markers, the end of image, the scan, application segments and
+// comments. It stops at any other (and at a second start of image).
+bool KnownBeforeScan(int marker) {
+    return ((marker & 0xF0) == 0xC0 && marker != 0xC8) || (marker >= 0xD0 && marker <= 0xD7) ||
+           marker == 0x01 || marker == kEoi || marker == kSos || marker == 0xDB || marker == 0xDD ||
+           (marker & 0xF0) == 0xE0 || marker == 0xFE;
 }
 
 // Markers that can end a scan: frames, tables, restart interval, line count, the next scan,
@@ -82,8 +92,13 @@ JpegLayout SplitJpeg(const std::string& d, bool headOnly) {
             at = m + 2;
             continue;
         }
-        if (marker == kSoi) {
-            layout.problem = "a second start of image at byte " + std::to_string(m);
+        if (!scanned && !KnownBeforeScan(marker)) {
+            // The decoder refuses the file here; readers of metadata differ on whether such a
+            // marker has a length, so no reading of what follows is safe to rewrite.
+            char code[8];
+            std::snprintf(code, sizeof code, "0x%02X", static_cast<unsigned>(marker));
+            layout.problem = std::string("a marker the decoder refuses (") + code + ") at byte " +
+                             std::to_string(m);
             return layout;
         }
         if (Standalone(marker)) {
