@@ -1,6 +1,5 @@
 #include "jpeg_layout.h"
 
-#include <cstdio>
 #include <cstring>
 
 namespace Varnelo {
@@ -95,10 +94,9 @@ JpegLayout SplitJpeg(const std::string& d, bool headOnly) {
         if (!scanned && !KnownBeforeScan(marker)) {
             // The decoder refuses the file here; readers of metadata differ on whether such a
             // marker has a length, so no reading of what follows is safe to rewrite.
-            char code[8];
-            std::snprintf(code, sizeof code, "0x%02X", static_cast<unsigned>(marker));
-            layout.problem = std::string("a marker the decoder refuses (") + code + ") at byte " +
-                             std::to_string(m);
+            const char* const hex = "0123456789ABCDEF";
+            layout.problem = std::string("a marker the decoder refuses (0x") + hex[marker >> 4] +
+                             hex[marker & 15] + ") at byte " + std::to_string(m);
             return layout;
         }
         if (Standalone(marker)) {
