@@ -17,6 +17,15 @@ bool IsFrame(int marker) {
     return (marker & 0xF0) == 0xC0 && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
 }
 
+// Markers the decoder accepts before the first scan: frames but JPG, tables, the restart
+// interval, restart and TEM markers, the end of image, the scan, application segments and
+// comments. It stops at any other (and at a second start of image).
+bool KnownBeforeScan(int marker) {
+    return ((marker & 0xF0) == 0xC0 && marker != 0xC8) || (marker >= 0xD0 && marker <= 0xD7) ||
+           marker == 0x01 || marker == kEoi || marker == kSos || marker == 0xDB || marker == 0xDD ||
+           (marker & 0xF0) == 0xE0 || marker == 0xFE;
+}
+
 // Markers that can end a scan: frames, tables, restart interval, line count, the next scan,
 // the end of image, application segments and comments.
 bool MayFollowScan(unsigned marker) {
@@ -75,8 +84,19 @@ JpegLayout SplitJpeg(const std::string& d, bool headOnly) {
             break;
         }
         const int marker = static_cast<int>(Byte(d, m + 1));
-        if (marker == kSoi) {
-            layout.problem = "a second start of image at byte " + std::to_string(m);
+        if (marker == 0x00) {
+            // A stuffed zero is no marker outside a scan either: the decoder skips it as stray
+            // bytes and reads on, and so must we, or a segment behind it would go unseen.
+            layout.pieces.push_back({JpegPiece::DATA, 0, at, m + 2, m + 2});
+            at = m + 2;
+            continue;
+        }
+        if (!scanned && !KnownBeforeScan(marker)) {
+            // The decoder refuses the file here; readers of metadata differ on whether such a
+            // marker has a length, so no reading of what follows is safe to rewrite.
+            const char* const hex = "0123456789ABCDEF";
+            layout.problem = std::string("a marker the decoder refuses (0x") + hex[marker >> 4] +
+                             hex[marker & 15] + ") at byte " + std::to_string(m);
             return layout;
         }
         if (Standalone(marker)) {

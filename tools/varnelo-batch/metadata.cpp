@@ -203,7 +203,9 @@ std::string WithoutJfifThumbnail(const std::string& payload) {
 // notes (either can show the uncropped original); copies of the XMP, IPTC, Photoshop and ICC
 // blocks, which a JPEG carries in their own segments, where the choice decides on them; and
 // what locates strips or sub-images of a TIFF file, which the library leaves out of a JPEG's
-// EXIF block anyway (dropping them first keeps them out of what `lost` reports).
+// EXIF block anyway (dropping them first keeps them out of what `lost` reports); and a Nikon
+// maker note's offset of a scanner's directory, which the library keeps as a number, so that
+// it would point at other bytes once the block is laid out anew.
 bool DoesNotDescribeCopy(const Exiv2::Exifdatum& datum) {
     static const std::set<std::string> kOtherImages = {
         "Thumbnail", "NikonPreview", "SamsungPreview", "SubImage1",   "SubImage2", "SubImage3",
@@ -219,7 +221,8 @@ bool DoesNotDescribeCopy(const Exiv2::Exifdatum& datum) {
                                                 "Exif.Image.JPEGInterchangeFormat",
                                                 "Exif.Image.JPEGInterchangeFormatLength",
                                                 "Exif.Image.SubIFDs",
-                                                "Exif.Image.PhotometricInterpretation"};
+                                                "Exif.Image.PhotometricInterpretation",
+                                                "Exif.Nikon3.ScanIFD"};
     const std::string group = datum.groupName();
     if (kOtherImages.count(group) != 0 || kKeys.count(datum.key()) != 0) return true;
     if (!Exiv2::ExifTags::isMakerGroup(group)) return false;
