@@ -24,8 +24,9 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "prepare JPEG photographs for upload")
 # CPack puts the summary first; this is the extended description beneath it.
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "varnelo makes reduced, re-encoded copies of JPEG photographs that keep\n\
-their EXIF and other metadata byte for byte (or drop them), and\n\
-thumbnails, preferring the thumbnail embedded in a photo's EXIF block.\n\
+their EXIF and other metadata byte for byte, or only the groups chosen,\n\
+with or without the fields that place the photo, and thumbnails,\n\
+preferring the thumbnail embedded in a photo's EXIF block.\n\
 .\n\
 The package holds varnelo-batch, which prepares a folder of photos from\n\
 the command line, never overwriting a file it did not make and\n\
