@@ -67,7 +67,7 @@ cmake --build build-bench -j "$jobs" --target varnelo varnelo-sample-photo >/dev
 service="$root/build-bench/varnelo"
 
 if [ "$micro" -eq 1 ]; then
-    echo "== resampler micro-benchmarks"
+    echo "== micro-benchmarks (resamplers, request parser)"
     cmake --build build-bench -j "$jobs" --target varnelo_bench >/dev/null
     if [ "$quick" -eq 1 ] && [ $# -eq 0 ]; then set -- --benchmark_min_time=0.2; fi
     build-bench/bench/varnelo_bench "$@"

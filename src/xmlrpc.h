@@ -80,7 +80,7 @@ class XMLRPC {
     static constexpr std::size_t kMaxOpenings = 16000;
 
     // The parser's stack per level of nesting, rounded up from the 225 bytes measured for
-    // Debian's TinyXML 2.6.2 in every shape that nests (a test keeps the figure honest); the
+    // Debian's TinyXML 2.6.2 in every shape that nests (bench/parser_bench.cpp measures it); the
     // stack of a parse thread holds twice that per level, and a reserve for the frames below
     // the recursion.
     static constexpr std::size_t kParserStackBytesPerLevel = 256;

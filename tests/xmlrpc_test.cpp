@@ -4,14 +4,9 @@
 #include "xmlrpc.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/mman.h>
 
 #include <algorithm>
-#include <fstream>
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "fsutils.h"
@@ -115,62 +110,6 @@ TEST(XmlRpcTest, RequestsNotUnderstoodGetNoResponse) {
         EXPECT_NE(answer.result, XML_SHUTDOWN) << request;
     }
     EXPECT_EQ(Exchange(Request("upload.connect")).result, XML_NO_PARAMS);
-}
-
-// The deepest stack `body` reaches: it runs on a thread whose stack is filled with a pattern
-// beforehand, and the bytes no longer holding the pattern are counted.
-std::size_t StackHighWater(const std::function<void()>& body) {
-    const std::size_t bytes = 64u << 20;
-    void* stack = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    EXPECT_NE(stack, MAP_FAILED);
-    if (stack == MAP_FAILED) return 0;
-    unsigned char* const bottom = static_cast<unsigned char*>(stack);
-    std::fill(bottom, bottom + bytes, 0xA5);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstack(&attributes, stack, bytes);
-    pthread_t thread;
-    const auto run = [](void* call) -> void* {
-        (*static_cast<const std::function<void()>*>(call))();
-        return nullptr;
-    };
-    EXPECT_EQ(pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&body)),
-              0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
-    std::size_t untouched = 0;
-    while (untouched < bytes && bottom[untouched] == 0xA5) ++untouched;
-    munmap(stack, bytes);
-    return bytes - untouched;
-}
-
-// The figure the parse threads' stacks are sized by holds for the parser in every shape that
-// nests: its stack per level, the slope between two depths, parsing and destroying the tree.
-TEST(XmlRpcTest, ParserStackPerLevelIsWithinTheStatedFigure) {
-    const std::vector<std::pair<std::string, std::string>> shapes = {
-        {"<a>", "</a>"},
-        {"<element attribute=\"value\" other='1'>", "</element>"},
-        {"<a>", ""},                  // never closed
-        {"<a>text<!--c--><b/>", ""},  // siblings at every level
-        {"<a>&#</a>#1;", ""},         // an end tag inside a character reference
-    };
-    std::size_t worst = 0;
-    for (const auto& [open, close] : shapes) {
-        std::size_t used[2];
-        const int depths[2] = {1000, 5000};
-        for (int k = 0; k < 2; ++k) {
-            const std::string text = Repeat(open, depths[k]) + Repeat(close, depths[k]);
-            used[k] = StackHighWater([&text] {
-                TiXmlDocument document;
-                document.Parse(text.c_str());
-            });
-        }
-        const std::size_t perLevel = (used[1] - used[0]) / (depths[1] - depths[0]);
-        EXPECT_LE(perLevel, XMLRPC::kParserStackBytesPerLevel) << open;
-        worst = std::max(worst, perLevel);
-    }
-    RecordProperty("stack_bytes_per_level", static_cast<int>(worst));
 }
 
 std::string Nest(int depth, const std::string& inner = "") {
@@ -332,42 +271,6 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
     EXPECT_EQ(
         std::count(log.begin(), log.end(), "XMLRPC::Parse request nested too deeply, refused"),
         static_cast<long>(deep.size()));
-}
-
-// The resident memory of a process, in KiB.
-long ResidentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + ToString(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) return std::stol(line.substr(6));
-    }
-    return -1;
-}
-
-// Parsing a deep request on a thread of its own and destroying its tree leaves nothing behind:
-// neither the thread's stack nor the tree's memory stays resident. (Sanitizers keep freed
-// memory on purpose, so the measure is taken without them.)
-TEST(XmlRpcTest, RefusedDeepRequestsLeaveNoResidentMemoryBehind) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "sanitizers hold freed memory";
-#endif
-    ServiceProcess service(VARNELO_BIN);
-    const auto ask = [&service] {
-        service.Send(Request("upload.installInfoRequest"));
-        return service.ReadResponses(1) == std::vector<std::string>{kNoPicasa};
-    };
-    ASSERT_TRUE(ask());
-    const long before = ResidentKiB(service.pid());
-    const std::vector<std::string> deep = {
-        Repeat("<a>&#</a>#1;", 3000),
-        Repeat("<a x='1'>", 2500),
-        Nest(2000, "<b/>"),
-    };
-    for (int i = 0; i < 100; ++i) service.Send(deep[i % deep.size()] + "\n*\n");
-    ASSERT_TRUE(ask()) << "the listener parses in order: every deep request is done";
-    const long after = ResidentKiB(service.pid());
-    RecordProperty("resident_kib_before", static_cast<int>(before));
-    RecordProperty("resident_kib_after", static_cast<int>(after));
-    EXPECT_LT(after - before, 4 * 1024) << before << " KiB before, " << after << " KiB after";
 }
 
 // Asks a fresh service one request and returns the answered images.
