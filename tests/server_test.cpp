@@ -136,18 +136,13 @@ std::string Image(const std::string& method, int id, const std::string& src,
 
 // 2,000 requests back to back, one in four hostile, with large conversions keeping every worker
 // busy: each request due an answer gets exactly one, whole, and the service then stops in order.
+// (How each kind of bad request is answered alone is tested with the message layer.)
 TEST(ServerTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
     TempDir tmp;
     mkdir(tmp.Path("out").c_str(), 0777);
     const std::string big = tmp.Write("big.jpg", EncodeJpeg({1600, 1200}));
     const std::string small = tmp.Write("small.jpg", EncodeJpeg({160, 120}));
-    const std::string text = tmp.Write("text.jpg", std::string(3000, 't'));
     const std::string cut = tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({320, 240})));
-    ExifBlock past = BuildExif({320, 240, EncodeJpeg({40, 30})});
-    past.Put(past.thumbOffsetEntry + 8, 0xFFFFFF00);  // the thumbnail lies far past the block
-    const std::string exif = tmp.Write("exif.jpg", EncodeJpeg({320, 240}, {{0xE1, past.payload}}));
-    std::string nested;
-    for (int i = 0; i < 300; ++i) nested += "<a>";
     const std::string down = "upload.downsampleRequest", thumb = "upload.thumbnailRequest";
 
     // An image request (method, source, failure reason or "" for success), or a text to send
@@ -162,27 +157,19 @@ TEST(ServerTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
                                     {"", "", "", kInfo, kNoPicasa}};
     const std::vector<Kind> hostile = {
         {"", "", "", "not xml < at > all &\n*\n", ""},
-        {"", "", "", Request("upload.close", "<?pi >" + nested + "?>"), ""},
         {"", "", "", std::string("<methodCall>\0", 13) + kInfo.substr(kInfo.find("<methodN")), ""},
-        {"", "", "", "<methodCall/>\n*\n", ""},
         {down, "", "internal error"},  // no paths at all
-        {down, text, "jpeg resampling error"},
         {down, cut, "jpeg library warning(s)"},
-        {thumb, exif, ""},
         {"", "", "", Request(down, "<param/>\n"),
          "<methodResponse>\n <params />\n</methodResponse>\n"}};
-    // A 5 MiB line drops its request.
-    const Kind huge = {"", "", "",
-                       kInfo.substr(0, kInfo.size() - 2) + std::string(5 << 20, ' ') + "\n*\n", ""};
 
     std::map<int, std::string> due;    // imageId -> failure reason
     std::multiset<std::string> other;  // whole answers due
     std::string input;
     for (int i = 0; i < 2000; ++i) {
-        const Kind& kind = i % 400 == 3 ? huge
-                           : i % 4 == 3 ? hostile[(i / 4) % hostile.size()]
-                           : i < 12     ? Kind{down, big, ""}
-                                        : good[i % good.size()];
+        const Kind& kind = i % 4 == 3 ? hostile[(i / 4) % hostile.size()]
+                           : i < 12   ? Kind{down, big, ""}
+                                      : good[i % good.size()];
         if (kind.method.empty()) {
             input += kind.text;
             if (!kind.answer.empty()) other.insert(kind.answer);
