@@ -136,13 +136,15 @@ std::string Image(const std::string& method, int id, const std::string& src,
 
 // 2,000 requests back to back, one in four hostile, with large conversions keeping every worker
 // busy: each request due an answer gets exactly one, whole, and the service then stops in order.
-// (How each kind of bad request is answered alone is tested with the message layer.)
+// (How each kind of bad request is answered alone is tested in-process.)
 TEST(ServerTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
     TempDir tmp;
     mkdir(tmp.Path("out").c_str(), 0777);
     const std::string big = tmp.Write("big.jpg", EncodeJpeg({1600, 1200}));
     const std::string small = tmp.Write("small.jpg", EncodeJpeg({160, 120}));
     const std::string cut = tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({320, 240})));
+    std::string nested;
+    for (int i = 0; i < 300; ++i) nested += "<a>";
     const std::string down = "upload.downsampleRequest", thumb = "upload.thumbnailRequest";
 
     // An image request (method, source, failure reason or "" for success), or a text to send
@@ -157,6 +159,7 @@ TEST(ServerTest, TwoThousandRequestsAQuarterHostileAreEachAnsweredOnce) {
                                     {"", "", "", kInfo, kNoPicasa}};
     const std::vector<Kind> hostile = {
         {"", "", "", "not xml < at > all &\n*\n", ""},
+        {"", "", "", Request("upload.close", "<?pi >" + nested + "?>"), ""},  // refused: too deep
         {"", "", "", std::string("<methodCall>\0", 13) + kInfo.substr(kInfo.find("<methodN")), ""},
         {down, "", "internal error"},  // no paths at all
         {down, cut, "jpeg library warning(s)"},
