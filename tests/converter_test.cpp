@@ -485,23 +485,6 @@ TEST(ConcurrentConversionTest, StagesWhileIdleWaitsWhenBusyAndWritesWhatEachWrit
     for (const std::string& out : outputs) EXPECT_TRUE(out == alone.bytes);
 }
 
-TEST(ConvertFileThumbnailTest, WritesTheFirstEmbeddedThumbnailVerbatim) {
-    TempDir tmp;
-    const std::string thumb = EncodeJpeg({40, 30});
-    const std::string src = tmp.Write(
-        "src.jpg",
-        EncodeJpeg({400, 300}, {{0xE1, std::string("http://ns.adobe.com/xap/1.0/\0<x/>", 33)},
-                                {0xE1, std::string("Exif\0\0", 6)},
-                                {0xE1, BuildExif({400, 300}).payload},
-                                {0xE1, BuildExif({400, 300, thumb, true}).payload},
-                                {0xE1, BuildExif({400, 300, "second"}).payload}}));
-    const Outcome r = Thumbnail(src, tmp.Path("t.jpg"));
-    EXPECT_EQ(r.result, CR_OK);
-    EXPECT_EQ(r.width, -1);
-    EXPECT_EQ(r.hash, "untouched");
-    EXPECT_EQ(ReadFileBytes(tmp.Path("t.jpg")), thumb);
-}
-
 // A genuine progressive photo whose coefficients take about 1.2 GB: the library's memory cap
 // grows with the file, so it converts and its embedded thumbnail is found. (The tiny file that
 // declares 60000 x 60000 above is still refused.)

@@ -323,13 +323,19 @@ TEST(ImageMethodTest, EachImageFailsWithItsOwnReasonInRequestOrder) {
     EXPECT_TRUE(FileExists(tmp.Path("o4.jpg"))) << "a cut-off source still converts";
 }
 
+// The embedded thumbnail is the first one in an EXIF block, whichever segments come before it.
 TEST(ImageMethodTest, ThumbnailPrefersTheEmbeddedBytesElseConvertsWithoutSegments) {
     TempDir tmp;
     const std::string thumbnail = EncodeJpeg({160, 120});
+    const std::string camera =
+        EncodeJpeg({800, 600}, {{0xE1, std::string("http://ns.adobe.com/xap/1.0/\0<x/>", 33)},
+                                {0xE1, std::string("Exif\0\0", 6)},
+                                {0xE1, BuildExif({800, 600}).payload},
+                                {0xE1, BuildExif({800, 600, thumbnail, true}).payload},
+                                {0xE1, BuildExif({800, 600, "second"}).payload}});
     const std::vector<ImageAnswer> answers = Ask(Request(
         "upload.thumbnailRequest",
-        ImageParam(1, tmp.Write("camera.jpg", CameraPhoto(800, 600, thumbnail)),
-                   tmp.Path("t1.jpg")) +
+        ImageParam(1, tmp.Write("camera.jpg", camera), tmp.Path("t1.jpg")) +
             ImageParam(2, tmp.Write("plain.jpg", EncodeJpeg({600, 800}, {{0xFE, "c"}})),
                        tmp.Path("t2.jpg"), Member("omitEXIF", "boolean", "0")) +
             ImageParam(3, tmp.Write("text.jpg", std::string(100, 'x')), tmp.Path("t3.jpg")) +
