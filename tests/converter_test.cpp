@@ -232,13 +232,6 @@ const OutcomeCase kOutcomes[] = {
     {"FullDisk", false, "big.jpg", "/dev/full", CR_RESAMPLING_ERROR, 200, kHookFault},
 };
 
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-        text.replace(at, from.size(), to);
-    }
-    return text;
-}
-
 class ConvertOutcomeTest : public ::testing::TestWithParam<std::tuple<OutcomeCase, ConvertThreads>>,
                            ThreadsTest {
   protected:

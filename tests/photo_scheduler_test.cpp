@@ -107,13 +107,6 @@ std::map<std::string, std::string> Files(const std::string& root) {
     return files;
 }
 
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-        text.replace(at, from.size(), to);
-    }
-    return text;
-}
-
 // The photos of the conversion tests' shapes in `dir`, and the image requests for them: missing,
 // damaged and too small photos, a destination used twice, a photo that reads an earlier photo's
 // copy, and folders that earlier photos make.

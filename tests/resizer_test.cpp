@@ -128,12 +128,9 @@ TEST_P(ResizerExactnessTest, StaysInsideItsBuffersWhateverTheCallOrder) {
 }
 
 std::string VariantName(const ::testing::TestParamInfo<Variant>& info) {
+    const char* const types[] = {"Dirty", "Tidy", "Reduces"};
     const char* const paths[] = {"Plain", "Sse2", "Avx2"};
-    const Variant v = info.param;
-    return std::string(v.type == RESIZER_DIRTY  ? "Dirty"
-                       : v.type == RESIZER_TIDY ? "Tidy"
-                                                : "Reduces") +
-           paths[v.path];
+    return std::string(types[info.param.type]) + paths[info.param.path];
 }
 
 INSTANTIATE_TEST_SUITE_P(, ResizerExactnessTest,

@@ -233,9 +233,7 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFullAndDeepOnesRefused) {
         Repeat(open, 10),
         Repeat(close, 10) + Repeat(open, 11),
         xml + Repeat(open + Repeat("\xF0</a>", 200), 10),
-        Repeat(Repeat("<a>&#</a>#1;", 200), 10),
-        Repeat(Repeat("<a>&#x</a>x1;", 200), 10),
-    };
+    };  // (character references that hide end tags are in the table above)
     for (const Shape& shape : shapes) deep.push_back(Call(shape, Nest(2000)));
     for (const std::string& text : deep) {
         XMLRPC rpc;

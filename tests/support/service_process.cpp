@@ -68,6 +68,13 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
 std::string Request(const std::string& method, const std::string& params) {
     return "<?xml version=\"1.0\"?>\n<methodCall>\n<methodName>" + method + "</methodName>\n" +
            (params.empty() ? "" : "<params>\n" + params + "</params>\n") + "</methodCall>\n*\n";

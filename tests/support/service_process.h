@@ -58,6 +58,8 @@ class PrivateService {
 
 // A text split into its lines.
 std::vector<std::string> Lines(const std::string& text);
+// `text` with every `from` replaced by `to`.
+std::string Replace(std::string text, const std::string& from, const std::string& to);
 
 // A method call framed as the client sends it, with `params` inside <params> when not empty.
 std::string Request(const std::string& method, const std::string& params = "");
