@@ -104,12 +104,16 @@ TEST(XmlRpcTest, RequestsNotUnderstoodGetNoResponse) {
           std::string("<methodCall><methodName/></methodCall>"), Request("Upload.Close"),
           Request("upload.unknown"), Request("upload.connect"),
           Request("upload.connect", "<value/>"),
-          std::string("<call><methodName>upload.close</methodName></call>")}) {
+          std::string("<call><methodName>upload.close</methodName></call>"),
+          std::string("<methodCall>") + '\0' + "<methodName>upload.close</methodName>"}) {
         const Exchanged answer = Exchange(request);
         EXPECT_EQ(answer.response, "") << request;
         EXPECT_NE(answer.result, XML_SHUTDOWN) << request;
     }
     EXPECT_EQ(Exchange(Request("upload.connect")).result, XML_NO_PARAMS);
+    // An image method given no image answers with no answers.
+    EXPECT_EQ(Exchange(Request("upload.downsampleRequest", "<param/>\n")).response,
+              "<methodResponse>\n <params />\n</methodResponse>\n");
 }
 
 std::string Nest(int depth, const std::string& inner = "") {
@@ -303,15 +307,17 @@ TEST(ImageMethodTest, EachImageFailsWithItsOwnReasonInRequestOrder) {
                        tmp.Path("o4.jpg"), to100) +
             ImageParam(5, photo, tmp.Path("no/such/o5.jpg"), to100) +
             ImageParam(6, photo, tmp.Path("o6.jpg"), Member("resolution", "string", "100")) +
+            "<param><value><struct>" + Member("imageId", "i4", "7") + "</struct></value></param>" +
             "<param><value><i4>9</i4></value></param>\n"));
-    ASSERT_EQ(answers.size(), 6u) << "a param without a struct is not answered";
+    ASSERT_EQ(answers.size(), 7u) << "a param without a struct is not answered";
     const char* reasons[] = {"internal error",
                              "actual resolution less than requested",
                              "jpeg resampling error",
                              "jpeg library warning(s)",
                              "create destination file error",
-                             "actual resolution less than requested"};
-    for (int i = 0; i < 6; ++i) {
+                             "actual resolution less than requested",
+                             "internal error"};  // no paths at all
+    for (int i = 0; i < 7; ++i) {
         EXPECT_EQ(answers[i].members, kFailure) << i;
         EXPECT_EQ(answers[i].values.at("imageId"), ToString(i + 1));
         EXPECT_EQ(answers[i].values.at("success"), "0");
