@@ -1,9 +1,7 @@
 #include "support/service_process.h"
 
 #include <signal.h>
-#include <stdlib.h>
 #include <tinyxml.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -22,20 +20,12 @@ Clock::time_point After(int ms) { return Clock::now() + std::chrono::millisecond
 }  // namespace
 
 ServiceProcess::ServiceProcess(const std::string& binary, const std::vector<std::string>& args) {
-    char pattern[] = "/tmp/varnelo-stderr-XXXXXX";
-    const int fd = mkstemp(pattern);
-    if (fd < 0) throw std::runtime_error("mkstemp failed");
-    close(fd);
-    m_stderrPath = pattern;
-    if (!m_child.Start(binary, args, m_stderrPath)) throw std::runtime_error("fork failed");
+    if (!m_child.Start(binary, args, m_dir.Path("stderr"))) throw std::runtime_error("fork failed");
     // The test must not die if the child has already closed its input.
     signal(SIGPIPE, SIG_IGN);
 }
 
-ServiceProcess::~ServiceProcess() {
-    m_child.Kill();
-    unlink(m_stderrPath.c_str());
-}
+ServiceProcess::~ServiceProcess() { m_child.Kill(); }
 
 std::vector<std::string> ServiceProcess::ReadResponses(std::size_t count, int timeoutMs) {
     const Clock::time_point deadline = After(timeoutMs);

@@ -35,10 +35,10 @@ class ServiceProcess {
     std::string ReadRest(int timeoutMs = 20000);
     // Waits for the child to end: its exit status, 128 + signal, or -1 after `timeoutMs`.
     int Wait(int timeoutMs = 20000);
-    std::string Stderr() const { return ReadFileBytes(m_stderrPath); }
+    std::string Stderr() const { return ReadFileBytes(m_dir.Path("stderr")); }
 
   private:
-    std::string m_stderrPath;
+    TempDir m_dir;
     ServiceChild m_child;
 };
 
