@@ -5,9 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -355,67 +352,6 @@ TEST(ImageMethodTest, ThumbnailPrefersTheEmbeddedBytesElseConvertsWithoutSegment
     EXPECT_TRUE(ReadSegments(fallback).empty()) << "a converted thumbnail carries no segments";
     EXPECT_EQ(answers[2].values.at("failureReason"), "error");
     EXPECT_EQ(answers[3].values.at("failureReason"), "internal error");
-}
-
-// The real camera photos, when their folder is there.
-TEST(ImageMethodTest, EveryCameraPhotoConvertsAndThumbnailsComeFromItsExif) {
-    const std::string folder = VARNELO_PHOTOS_DIR;
-    if (!std::filesystem::is_directory(folder)) GTEST_SKIP() << "no " << folder;
-    std::vector<std::string> photos;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        if (entry.path().extension() == ".jpg") photos.push_back(entry.path().filename());
-    }
-    // Those whose EXIF block carries no thumbnail; every other one does.
-    const std::set<std::string> withoutThumbnail = {
-        "Fujifilm_FinePix_E500.jpg", "exif-org_sony-d700.jpg", "orientation_portrait_1.jpg",
-        "invalid_image01713.jpg", "xmp_no_exif.jpg"};
-    TempDir tmp;
-    std::string downsample, thumbnails;
-    for (std::size_t i = 0; i < photos.size(); ++i) {
-        const std::string src = DirPlusFile(folder, photos[i]);
-        downsample += ImageParam(i, src, tmp.Path("d" + ToString(i) + ".jpg"),
-                                 Member("resolution", "i4", "64"));
-        thumbnails += ImageParam(i, src, tmp.Path("t" + ToString(i) + ".jpg"));
-    }
-    const std::vector<ImageAnswer> converted = Ask(Request("upload.downsampleRequest", downsample));
-    const std::vector<ImageAnswer> thumbs = Ask(Request("upload.thumbnailRequest", thumbnails));
-    ASSERT_EQ(converted.size(), photos.size());
-    ASSERT_EQ(thumbs.size(), photos.size());
-
-    for (std::size_t i = 0; i < photos.size(); ++i) {
-        const std::string& photo = photos[i];
-        SCOPED_TRACE(photo);
-        const std::string source = ReadFileBytes(DirPlusFile(folder, photo));
-        const std::string small = ReadFileBytes(tmp.Path("d" + ToString(i) + ".jpg"));
-        const DecodedJpeg decoded = DecodeJpeg(small);
-        EXPECT_EQ(std::max(decoded.width, decoded.height), 64);
-        EXPECT_EQ(ReadSegments(small), ReadSegments(source));
-        if (photo == "corrupted.jpg") {
-            // Its entropy data ends early: converted, but reported as library warnings.
-            EXPECT_EQ(converted[i].values.at("failureReason"), "jpeg library warning(s)");
-        } else {
-            const DecodedJpeg original = DecodeJpeg(source);
-            EXPECT_EQ(converted[i].values.at("originalImage/resolution/width") + "x" +
-                          converted[i].values.at("originalImage/resolution/height"),
-                      ToString(original.width) + "x" + ToString(original.height));
-        }
-
-        EXPECT_EQ(thumbs[i].values.at("success"), "1");
-        const std::string thumb = ReadFileBytes(tmp.Path("t" + ToString(i) + ".jpg"));
-        if (withoutThumbnail.count(photo) == 0) {
-            bool inExif = false;
-            for (const Segment& s : ReadSegments(source)) {
-                inExif |= s.marker == 0xE1 && s.data.compare(0, 4, "Exif") == 0 &&
-                          s.data.find(thumb) != std::string::npos;
-            }
-            EXPECT_TRUE(inExif) << "the embedded bytes, verbatim";
-            EXPECT_EQ(thumb.substr(0, 2), "\xFF\xD8");
-        } else {
-            const DecodedJpeg made = DecodeJpeg(thumb);
-            EXPECT_EQ(std::max(made.width, made.height), 72);
-            EXPECT_TRUE(ReadSegments(thumb).empty());
-        }
-    }
 }
 
 }  // namespace
