@@ -1,5 +1,5 @@
-// The message layer and the six methods: in-process for the exact answers, traces and request
-// shapes, through the running service for the image methods.
+// The message layer and the six methods, in-process: the exact answers, traces and request
+// shapes. (The service answers image requests through its pipes in the server and batch tests.)
 
 #include "xmlrpc.h"
 
@@ -222,13 +222,8 @@ TEST(XmlRpcTest, EveryRequestShapeIsAnsweredInFull) {
     }
 }
 
-// Asks a fresh service one request and returns the answered images.
 std::vector<ImageAnswer> Ask(const std::string& request) {
-    ServiceProcess service(VARNELO_BIN);
-    service.Send(request + "exit\n");
-    const std::vector<std::string> responses = service.ReadResponses(1, 60000);
-    EXPECT_EQ(service.Wait(10000), 0);
-    return responses.empty() ? std::vector<ImageAnswer>() : ImageAnswers(responses[0]);
+    return ImageAnswers(Exchange(request).response);
 }
 
 const std::vector<std::string> kSuccess = {"imageId", "success", "originalImage"};
