@@ -234,20 +234,32 @@ std::string CameraPhoto(int width, int height, const std::string& thumbnail) {
     return EncodeJpeg({width, height}, {{0xE1, BuildExif({0, 0, thumbnail}).payload}, {0xFE, "c"}});
 }
 
-TEST(ImageMethodTest, DownsampleKeepsSegmentsAndReportsTheSource) {
+// Converted images report their source and keep its segments unless told; the others fail with
+// their own reason; all in request order.
+TEST(ImageMethodTest, DownsampleAnswersEachImageInRequestOrder) {
     TempDir tmp;
     const std::string src = tmp.Write("photo.jpg", CameraPhoto(1000, 750, "\xFF\xD8t"));
     const std::string to100 = Member("resolution", "i4", "100");
-    const std::vector<ImageAnswer> answers =
-        Ask(Request("upload.downsampleRequest",
-                    ImageParam(7, src, tmp.Path("a.JPG")) +  // defaults: 640, MD5, EXIF kept
-                        ImageParam(8, src, tmp.Path("b.jpg"),
-                                   to100 + Member("hashMethod", "string", "MD5") +
-                                       Member("omitEXIF", "boolean", "1")) +
-                        ImageParam(9, src, tmp.Path("c.jpg"),
-                                   to100 + Member("hashMethod", "string", "md5") +
-                                       Member("omitEXIF", "boolean", "true"))));
-    ASSERT_EQ(answers.size(), 3u);
+    const std::vector<ImageAnswer> answers = Ask(Request(
+        "upload.downsampleRequest",
+        ImageParam(7, src, tmp.Path("a.JPG")) +  // defaults: 640, MD5, EXIF kept
+            ImageParam(8, src, tmp.Path("b.jpg"),
+                       to100 + Member("hashMethod", "string", "MD5") +
+                           Member("omitEXIF", "boolean", "1")) +
+            ImageParam(9, src, tmp.Path("c.jpg"),
+                       to100 + Member("hashMethod", "string", "md5") +
+                           Member("omitEXIF", "boolean", "true")) +
+            ImageParam(1, tmp.Path("missing.jpg"), tmp.Path("o1.jpg")) +
+            ImageParam(2, tmp.Write("tiny.jpg", EncodeJpeg({40, 30})), tmp.Path("o2.jpg")) +
+            ImageParam(3, tmp.Write("text.jpg", std::string(5000, 'x')), tmp.Path("o3.jpg")) +
+            ImageParam(4, tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({400, 300}))),
+                       tmp.Path("o4.jpg"), to100) +
+            ImageParam(5, src, tmp.Path("no/such/o5.jpg"), to100) +
+            ImageParam(6, tmp.Write("small.jpg", EncodeJpeg({200, 150})), tmp.Path("o6.jpg"),
+                       Member("resolution", "string", "100")) +
+            "<param><value><struct>" + Member("imageId", "i4", "7") + "</struct></value></param>" +
+            "<param><value><i4>9</i4></value></param>\n"));
+    ASSERT_EQ(answers.size(), 10u) << "a param without a struct is not answered";
     EXPECT_EQ(answers[0].members, kSuccess);
     EXPECT_EQ(answers[0].values.at("imageId"), "7");
     EXPECT_EQ(answers[0].values.at("originalImage/resolution/width"), "1000");
@@ -256,43 +268,26 @@ TEST(ImageMethodTest, DownsampleKeepsSegmentsAndReportsTheSource) {
     EXPECT_EQ(answers[0].values.at("originalImage/hash"), TailMd5(src));
     EXPECT_EQ(answers[1].values.at("originalImage/hash"), TailCrc32(src));
     EXPECT_EQ(answers[2].values.at("originalImage/hash"), TailMd5(src));
-
     const std::string kept = ReadFileBytes(tmp.Path("a.JPG"));
     EXPECT_EQ(DecodeJpeg(kept).width, 640);
     EXPECT_EQ(DecodeJpeg(kept).height, 480);
     EXPECT_EQ(ReadSegments(kept), ReadSegments(ReadFileBytes(src)));
     EXPECT_TRUE(ReadSegments(ReadFileBytes(tmp.Path("b.jpg"))).empty());
     EXPECT_EQ(ReadSegments(ReadFileBytes(tmp.Path("c.jpg"))).size(), 3u) << "only \"1\" omits";
-}
 
-TEST(ImageMethodTest, EachImageFailsWithItsOwnReasonInRequestOrder) {
-    TempDir tmp;
-    const std::string photo = tmp.Write("photo.jpg", EncodeJpeg({200, 150}));
-    const std::string to100 = Member("resolution", "i4", "100");
-    const std::vector<ImageAnswer> answers = Ask(Request(
-        "upload.downsampleRequest",
-        ImageParam(1, tmp.Path("missing.jpg"), tmp.Path("o1.jpg")) +
-            ImageParam(2, tmp.Write("tiny.jpg", EncodeJpeg({40, 30})), tmp.Path("o2.jpg")) +
-            ImageParam(3, tmp.Write("text.jpg", std::string(5000, 'x')), tmp.Path("o3.jpg")) +
-            ImageParam(4, tmp.Write("cut.jpg", TruncateInScan(EncodeJpeg({400, 300}))),
-                       tmp.Path("o4.jpg"), to100) +
-            ImageParam(5, photo, tmp.Path("no/such/o5.jpg"), to100) +
-            ImageParam(6, photo, tmp.Path("o6.jpg"), Member("resolution", "string", "100")) +
-            "<param><value><struct>" + Member("imageId", "i4", "7") + "</struct></value></param>" +
-            "<param><value><i4>9</i4></value></param>\n"));
-    ASSERT_EQ(answers.size(), 7u) << "a param without a struct is not answered";
     const char* reasons[] = {"internal error",
                              "actual resolution less than requested",
                              "jpeg resampling error",
                              "jpeg library warning(s)",
                              "create destination file error",
-                             "actual resolution less than requested",
-                             "internal error"};  // no paths at all
+                             "actual resolution less than requested",  // not "100" but 640
+                             "internal error"};                        // no paths at all
     for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(answers[i].members, kFailure) << i;
-        EXPECT_EQ(answers[i].values.at("imageId"), ToString(i + 1));
-        EXPECT_EQ(answers[i].values.at("success"), "0");
-        EXPECT_EQ(answers[i].values.at("failureReason"), reasons[i]);
+        const ImageAnswer& answer = answers[3 + i];
+        EXPECT_EQ(answer.members, kFailure) << i;
+        EXPECT_EQ(answer.values.at("imageId"), ToString(i + 1));
+        EXPECT_EQ(answer.values.at("success"), "0");
+        EXPECT_EQ(answer.values.at("failureReason"), reasons[i]);
     }
     EXPECT_FALSE(FileExists(tmp.Path("o2.jpg")));
     EXPECT_TRUE(FileExists(tmp.Path("o4.jpg"))) << "a cut-off source still converts";
