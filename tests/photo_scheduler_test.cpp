@@ -140,7 +140,6 @@ std::vector<std::string> Params(const TempDir& dir, bool thumbnail) {
         {"small.jpg", EncodeJpeg({60, 40}), "out/small.jpg"},
         {"portrait.jpg", "", "out/folder"},
     };
-    dir.Write("out/.keep", "");
     std::vector<std::string> params;
     int id = 0;
     for (const auto& p : photos) {

@@ -140,7 +140,6 @@ TEST(XmlRpcTest, RequestsDeeperThanTheLimitAreRefusedAndNoOthers) {
         {Nest(limit, flat), true},
         {flat + Nest(limit + 1), true},
         {Repeat("<a>&#</a>#1;", limit + 1), true},
-        {Repeat("<a>&#x</a>x1;", 3000), true},
         // End tags hidden from the parser, 2,000 levels deep: the tree is what counts.
         {Repeat(open + "<!--" + close + "-->", 10), true},
         {Repeat(open + "<![CDATA[" + close + "]]>", 10), true},
@@ -226,19 +225,14 @@ std::vector<ImageAnswer> Ask(const std::string& request) {
     return ImageAnswers(Exchange(request).response);
 }
 
-const std::vector<std::string> kSuccess = {"imageId", "success", "originalImage"};
-const std::vector<std::string> kFailure = {"imageId", "success", "failureReason"};
-
-// A camera-like photo: EXIF with an embedded thumbnail, then a comment.
-std::string CameraPhoto(int width, int height, const std::string& thumbnail) {
-    return EncodeJpeg({width, height}, {{0xE1, BuildExif({0, 0, thumbnail}).payload}, {0xFE, "c"}});
-}
-
 // Converted images report their source and keep its segments unless told; the others fail with
 // their own reason; all in request order.
 TEST(ImageMethodTest, DownsampleAnswersEachImageInRequestOrder) {
     TempDir tmp;
-    const std::string src = tmp.Write("photo.jpg", CameraPhoto(1000, 750, "\xFF\xD8t"));
+    // A camera's photo: EXIF with an embedded thumbnail, then a comment.
+    const std::string src = tmp.Write(
+        "photo.jpg",
+        EncodeJpeg({1000, 750}, {{0xE1, BuildExif({0, 0, "\xFF\xD8t"}).payload}, {0xFE, "c"}}));
     const std::string to100 = Member("resolution", "i4", "100");
     const std::vector<ImageAnswer> answers = Ask(Request(
         "upload.downsampleRequest",
@@ -260,7 +254,8 @@ TEST(ImageMethodTest, DownsampleAnswersEachImageInRequestOrder) {
             "<param><value><struct>" + Member("imageId", "i4", "7") + "</struct></value></param>" +
             "<param><value><i4>9</i4></value></param>\n"));
     ASSERT_EQ(answers.size(), 10u) << "a param without a struct is not answered";
-    EXPECT_EQ(answers[0].members, kSuccess);
+    EXPECT_EQ(answers[0].members,
+              (std::vector<std::string>{"imageId", "success", "originalImage"}));
     EXPECT_EQ(answers[0].values.at("imageId"), "7");
     EXPECT_EQ(answers[0].values.at("originalImage/resolution/width"), "1000");
     EXPECT_EQ(answers[0].values.at("originalImage/resolution/height"), "750");
@@ -284,7 +279,8 @@ TEST(ImageMethodTest, DownsampleAnswersEachImageInRequestOrder) {
                              "internal error"};                        // no paths at all
     for (int i = 0; i < 7; ++i) {
         const ImageAnswer& answer = answers[3 + i];
-        EXPECT_EQ(answer.members, kFailure) << i;
+        EXPECT_EQ(answer.members,
+                  (std::vector<std::string>{"imageId", "success", "failureReason"}));
         EXPECT_EQ(answer.values.at("imageId"), ToString(i + 1));
         EXPECT_EQ(answer.values.at("success"), "0");
         EXPECT_EQ(answer.values.at("failureReason"), reasons[i]);
