@@ -181,8 +181,6 @@ struct OutcomeCase {
     TypeOfResizer type = RESIZER_REDUCES;
 };
 
-void PrintTo(const OutcomeCase& c, std::ostream* os) { *os << c.name; }
-
 const char kFault[] = "IJG decompression error\nClose output file\nClose input file\n";
 const char kHookFault[] =
     "custom_error_exit (1)\nIJG decompression error\nClose output file\n"
@@ -333,8 +331,6 @@ struct StagedCase {
     std::string (*jpeg)();
     int size;
 };
-
-void PrintTo(const StagedCase& c, std::ostream* os) { *os << c.name; }
 
 const StagedCase kStagedCases[] = {
     {"Subsampled420", [] { return Photo420(); }, 400},

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -37,8 +36,6 @@ struct Case {
     bool thumbnail;  // still found
     bool adjusted;   // sizes still rewritten
 };
-
-void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 class ExifBlockTest : public ::testing::TestWithParam<Case> {};
 
