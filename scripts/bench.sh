@@ -2,7 +2,7 @@
 # Usage: scripts/bench.sh [--quick] [--no-micro] [--rounds N] [-- BENCHMARK_OPTIONS]   (times the service against its peers; writes bench/RESULTS.md)
 #
 # Installs the peer tools from Debian (djpeg, vips, ImageMagick, GraphicsMagick, and hyperfine
-# and gnuplot for the measuring), builds a Release tree in build-bench, runs the resampler
+# and gnuplot for the measuring), builds a Release tree in build-bench, runs the resampler and parser
 # micro-benchmarks (Google Benchmark; options after -- go to it), makes a deterministic corpus
 # with varnelo-sample-photo and then runs every contender in interleaved rounds: each round runs
 # each command once, in an order that rotates from round to round, so that a machine whose speed
