@@ -875,20 +875,6 @@ int ReadOrientation(const std::string& path) {
     return 0;
 }
 
-bool AddOrientation(std::string& jpeg, int orientation) {
-    StartLibrary();
-    const JpegLayout layout = SplitJpeg(jpeg, true);
-    if (layout.pieces.empty()) return false;
-    for (const JpegPiece& piece : layout.pieces) {
-        if (piece.IsMetadata() && Classify(jpeg, piece) == Holds::EXIF) return true;
-    }
-    if (orientation < 1 || orientation > 8) return true;
-    Editor edit(jpeg, layout);
-    edit.Insert(OrientationSegment(orientation));
-    jpeg = edit.Result();
-    return true;
-}
-
 std::string ReadJpegHead(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::string head;

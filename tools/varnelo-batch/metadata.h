@@ -71,11 +71,6 @@ MetadataOutcome DressThumbnail(std::string& thumb, const std::string& photo,
 // none or the file cannot be read. Reads only the file's head.
 int ReadOrientation(const std::string& path);
 
-// Puts into `jpeg` (a whole JPEG file) an EXIF block that holds only `orientation` (1..8),
-// after a leading JFIF segment, unless `jpeg` has an EXIF block of its own. False when `jpeg`
-// is not a JPEG.
-bool AddOrientation(std::string& jpeg, int orientation);
-
 // The bytes of the JPEG file at `path` up to its first scan, enough for DressThumbnail and the
 // Orientation; empty when the file cannot be read.
 std::string ReadJpegHead(const std::string& path);
