@@ -1,13 +1,15 @@
 #include "photo_order.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
-#include <filesystem>
+#include <climits>
+#include <cstdlib>
+#include <memory>
 #include <string>
-#include <system_error>
-
-namespace fs = std::filesystem;
+#include <vector>
 
 namespace Varnelo {
 
@@ -27,6 +29,47 @@ std::string Lower(std::string text) {
     return text;
 }
 
+// `path` with "." and ".." taken away by their names alone.
+std::string Lexical(const std::string& path) {
+    std::vector<std::string> names;
+    for (std::size_t at = 0; at <= path.size();) {
+        const std::size_t end = std::min(path.find('/', at), path.size());
+        const std::string name = path.substr(at, end - at);
+        if (name == "..") {
+            if (!names.empty()) names.pop_back();
+        } else if (!name.empty() && name != ".") {
+            names.push_back(name);
+        }
+        at = end + 1;
+    }
+    std::string normal;
+    for (const std::string& name : names) normal += "/" + name;
+    return normal.empty() ? "/" : normal;
+}
+
+// `path` as the file system reaches it: its folder with every symbolic link and ".." followed,
+// and its own name. Where the folder does not exist there is no link to follow, and the path
+// is taken by its names, unless a ".." in it could climb out of a link: then it is not resolved
+// (empty), and the order is kept.
+std::string Resolved(const std::string& path) {
+    std::string absolute = path;
+    if (path[0] != '/') {
+        std::unique_ptr<char, decltype(&std::free)> cwd(getcwd(nullptr, 0), &std::free);
+        if (cwd == nullptr) return std::string();
+        absolute = std::string(cwd.get()) + "/" + path;
+    }
+    while (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
+    const std::size_t slash = absolute.rfind('/');
+    const std::string folder = slash == 0 ? "/" : absolute.substr(0, slash);
+    const std::string name = absolute.substr(slash + 1);
+    char real[PATH_MAX];
+    if (name != "." && name != ".." && realpath(folder.c_str(), real) != nullptr) {
+        return (std::string(real) == "/" ? "" : std::string(real)) + "/" + name;
+    }
+    if (("/" + absolute + "/").find("/../") != std::string::npos) return std::string();
+    return Lexical(absolute);
+}
+
 Touch Resolve(Touch::Kind kind, const std::string& raw) {
     Touch touch{kind, std::string()};
     if (raw.empty()) return touch;
@@ -36,17 +79,7 @@ Touch Resolve(Touch::Kind kind, const std::string& raw) {
         touch.dev = info.st_dev;
         touch.ino = info.st_ino;
     }
-    std::error_code error;
-    const fs::path absolute = fs::absolute(raw, error);
-    if (error) return touch;
-    fs::path resolved = absolute.lexically_normal();
-    const fs::path name = absolute.filename();
-    if (!name.empty() && name != "." && name != "..") {
-        const fs::path parent = fs::canonical(absolute.parent_path(), error);
-        if (!error) resolved = parent / name;
-    }
-    touch.resolved = Lower(resolved.string());
-    while (touch.resolved.size() > 1 && touch.resolved.back() == '/') touch.resolved.pop_back();
+    touch.resolved = Lower(Resolved(raw));
     return touch;
 }
 
