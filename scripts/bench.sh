@@ -414,9 +414,9 @@ declare -A name=([djpeg]="djpeg (floor)" [varnelo]=varnelo [vips]="vips resize"
 { for t in "${tools[@]}"; do
       echo "\"${name[$t]}\" $(ratio "$t-24" djpeg-24) $(ratio "$t-batch" djpeg-batch)"
   done
-  echo "\"varnelo, one request of 16\" NaN $(ratio varnelo-request16 djpeg-batch)"; } >"$data"
+  echo "\"varnelo, 1 request\" NaN $(ratio varnelo-request16 djpeg-batch)"; } >"$data"
 "$gnuplot" <<EOF
-set terminal svg size 1000,450 dynamic font "sans,13" background rgb "white"
+set terminal svg size 1100,450 dynamic font "sans,13" background rgb "white"
 set output "$root/bench/results.svg"
 set title "24-megapixel JPEG to 1600 pixels: time per photo relative to djpeg decoding it"
 set style data histograms
