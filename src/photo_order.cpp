@@ -110,9 +110,10 @@ std::vector<Touch> TouchesOf(const CProcess::Paths& paths) {
 }  // namespace
 
 std::vector<std::vector<std::size_t>> PhotosToWaitFor(const std::vector<CProcess::Paths>& photos) {
+    std::vector<std::vector<std::size_t>> waitFor(photos.size());
+    if (photos.size() < 2) return waitFor;  // a photo alone waits for nothing
     std::vector<std::vector<Touch>> touches;
     for (const CProcess::Paths& paths : photos) touches.push_back(TouchesOf(paths));
-    std::vector<std::vector<std::size_t>> waitFor(photos.size());
     for (std::size_t j = 0; j < photos.size(); ++j) {
         for (std::size_t k = 0; k < j; ++k) {
             bool conflict = false;

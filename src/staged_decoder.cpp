@@ -6,8 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "log.h"
-
 namespace Varnelo {
 
 namespace {

@@ -441,10 +441,7 @@ int XMLRPC::AnswerImages(TiXmlElement* params, bool thumbnail) {
         paths.push_back(CProcess::PathsOf(request.sourcePath, request.destPath));
     }
     std::vector<ImageAnswer> results(requests.size());
-    // A photo alone waits for nothing.
-    RunPhotos(requests.size(),
-              requests.size() > 1 ? PhotosToWaitFor(paths)
-                                  : std::vector<std::vector<std::size_t>>(requests.size()),
+    RunPhotos(requests.size(), PhotosToWaitFor(paths),
               [&](std::size_t i) { results[i] = ConvertImage(requests[i], thumbnail); });
     for (std::size_t i = 0; i < requests.size(); ++i) {
         const ImageAnswer& result = results[i];
